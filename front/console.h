@@ -1,0 +1,53 @@
+// All that the program says to the administrator and asks of him: message lines, the report file of
+// `test`, the yes/no question, the check of a number he typed, the printing of server texts, and
+// terminal echo around the password prompt. In file mode (testInfo.fOutputToFile) the console is
+// silent and the report file speaks.
+#pragma once
+
+#include "front/types.h"
+
+/// Prints one message and a line feed on standard output and flushes it; nothing in file mode.
+/// The message is printed whole however long it is.
+void displayConsoleMessage(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+/// Prints an empty line as a message.
+void displayEmptyLine();
+
+/// As displayConsoleMessage, for the few messages that file mode does not silence.
+void displayInAnyMode(const char* pszMessage);
+
+/// Writes to the report file `hf` and flushes it, adding no line feed; nothing outside file mode.
+/// Write errors stay in the stream for whoever closes it.
+void logTempFileMessage(std::FILE* hf, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
+
+/// Closes the report file of `pti`; one that could not be written or closed is told on standard
+/// error.
+void closeTempFile(TestInfo* pti);
+
+/// Asks "<message> (Y/N)?" until a y or n of either case is read: 1 for yes, 0 for no and at the
+/// end of input. The rest of the answer's line stays unread.
+BOOLEAN confirm(const char* message);
+
+/// 0 when `str` begins with a decimal digit and has at most `size` characters; else says what is
+/// wrong with it and returns -1. What follows the leading digits is not looked at.
+int isValidNumber(const char* str, int size);
+
+/// Prints the text at `buffer`, which ends at its NUL or after `size` bytes, each line feed as
+/// carriage return and line feed. Adds nothing, does not flush, speaks in file mode too. Always 0.
+int parseAndPrintBuffer(const char* buffer, std::size_t size);
+
+/// Next byte of standard input, or -1 at its end.
+int MBgetch();
+
+/// Prints "Locale: " and the name of the process locale, " (MBCS)" where it is a multibyte one.
+void displayCodePage();
+
+/// Switches the terminal's echo with stty, which complains where standard input is no terminal.
+void setTerminalEcho(bool fOn);
+
+/// Restores the terminal's echo and ends the process with status 1.
+[[noreturn]] void signalHandler(int foo);
+
+/// Installs signalHandler for the signals that end a prompt, for the rest of the process.
+void restoreEchoOnSignals();

@@ -1,0 +1,34 @@
+#include "front/kxadmin.h"
+#include "front/options.h"
+#include "front/version.h"
+#include "net/socket.h"
+
+#include <algorithm>
+#include <clocale>
+#include <csignal>
+#include <cstdlib>
+#include <sys/resource.h>
+
+/// A core dump would hold the password, if one was given. One byte, not none: a limit of 0 does not
+/// keep the kernel from handing the dump to a program that collects them.
+static void leaveNoCore() {
+    rlimit limit;
+    if (getrlimit(RLIMIT_CORE, &limit) == 0) {
+        limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 1);
+        setrlimit(RLIMIT_CORE, &limit);
+    }
+}
+
+/// The exit status tells only whether the command was understood: one that was understood and
+/// failed has said so and ends with 0 as well.
+int main(int argc, char** argv) {
+    socketSpareStandardStreams();
+    std::signal(SIGPIPE, SIG_IGN); // a reader that goes away does not end a copy half way
+    leaveNoCore();
+    std::setlocale(LC_ALL, "");
+    if (argc >= 2 && processOperation(argc, argv) != SHOW_USAGE)
+        std::exit(0);
+    displayKxadminBanner();
+    printUsage();
+    std::exit(1);
+}

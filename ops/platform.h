@@ -1,0 +1,13 @@
+// What depends on the operating system: the system copy command and the creation of the report
+// file.
+#pragma once
+
+#include "front/types.h"
+
+/// Copies by the administrator's command, run here while the source is locked on its server.
+/// Returns the command's status, also when the unlock after it failed; 1 when the command line is
+/// too long or the source cannot be opened, -1 when it cannot be locked.
+I32 copyViaOS(CONNECT_PARAMS* pcp, CopyParams* cP);
+
+/// Creates the report file, or empties an existing one and says so; null when neither can be done.
+std::FILE* basicOpenTempFile(const char* szFileName);
