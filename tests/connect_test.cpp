@@ -1,0 +1,77 @@
+// Connecting: the greeting, the port and where it comes from, the attempts.
+#include "client/kxclient.h"
+#include "tests/run_program.h"
+#include "tests/scratch.h"
+#include "tests/scripted_server.h"
+
+#include <gtest/gtest.h>
+
+TEST(Connect, TakesTheGreeting) {
+    const std::string id = be32(0xFFFFFFFF);
+    // clang-format off
+    const struct {
+        std::string greeting;
+        Answer address;
+        I32 result, next; // next: what a request after it comes to
+        std::string codes;
+    } rows[] = {
+        {id, reply(0, "1234"), 0, 0, "12 2"}, {id, reply(-3), -244, 0, "12 2"}, {id, reply(0, "12345"), -244, 0, "12 2"},
+        {be32(0), {}, -247, -243, ""}, {id.substr(0, 3), {}, -244, -243, ""}, {id, {"", Answer::CLOSE}, -244, -243, "12"}};
+    // clang-format on
+    for (const auto& row : rows) {
+        SCOPED_TRACE(testing::Message() << row.result << " " << row.codes);
+        ScriptedServer server;
+        server.greeting = row.greeting;
+        server.on(12, {row.address});
+        CONNECT_PARAMS record{};
+        record.host = "localhost";
+        // The number wraps at 16 bits and ends at the first character that is no digit.
+        setenv("KXSRV_CTRL_PORT", (" +" + std::to_string(server.port + 65536) + "x").c_str(), 1);
+        EXPECT_EQ(managerConnect(&record), row.result);
+        EXPECT_EQ(managerFileClose(record.s), row.next);
+        EXPECT_EQ(server.codes(), row.codes);
+        managerAbandon(record.s);
+    }
+    unsetenv("KXSRV_CTRL_PORT");
+}
+
+TEST(Connect, RetriesUntilTheServerAppears) {
+    ScriptedServer elsewhere; // its port is free at the next address
+    const std::string port = std::to_string(elsewhere.port);
+    const std::string attempt =
+        "\rConnection to [127.0.0.2] port [" + port + "] failed.  Retrying [";
+    TerminalRun run(KXADMIN_PROGRAM, {"opts", "127.0.0.2"}, {{"KXSRV_CTRL_PORT", port}});
+    ASSERT_TRUE(run.waitFor("Retrying [29]"));
+    ScriptedServer server("", &elsewhere);
+    EXPECT_EQ(run.finish(), 0);
+    const std::string line = std::string(78, '=') + "\r\n";
+    EXPECT_EQ(run.output.substr(run.output.find("C\r\n") + 3),
+              attempt + "30]  " + attempt + "29]  \rConnected" + std::string(54, ' ') + "\r\n\r\n" +
+                  line + line);
+    EXPECT_EQ(server.codes(), "12 28 9 24 10");
+}
+
+TEST(Connect, GivesUp) {
+    ScriptedServer elsewhere; // so that nobody listens at its port here
+    const Outcome outcome = runKxadmin({"stat", "127.0.0.3"}, elsewhere.port);
+    std::string attempts;
+    for (int left = 30; left > 0; --left)
+        attempts += "\rConnection to [127.0.0.3] port [" + std::to_string(elsewhere.port) +
+                    "] failed.  Retrying [" + std::to_string(left) + "]  ";
+    EXPECT_EQ(outcome.err, attempts + "\r" + std::string(63, ' ') + "\r");
+    EXPECT_EQ(outcome.out, std::string(banner) + "Unable to connecto to KXSRV at [127.0.0.3] or "
+                                                 "IP Address is unkown.\n");
+    EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(Connect, ReportsToTheFileOfTestAndPrefersTheModifiersPort) {
+    ScriptedServer unused;
+    const Scratch files;
+    const std::string report = files.path("report");
+    const Outcome outcome = runKxadmin({"test", "-ra", "-f", report, "-P1ab"}, unused.port);
+    EXPECT_EQ(files.read("report"),
+              "1\nCould not connect to an KXSRV on localhost:1. Ensure that you have the correct "
+              "server address and port number and that KXSRV is running on that machine.\n");
+    EXPECT_EQ(outcome.out + outcome.err, "");
+    EXPECT_EQ(unused.codes(), "");
+}

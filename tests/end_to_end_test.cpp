@@ -1,0 +1,237 @@
+// kxadmin and the sandbox together, as an administrator has them.
+#include "tests/run_program.h"
+#include "tests/scratch.h"
+#include "tests/scripted_server.h"
+
+#include "client/kxclient.h"
+#include "net/socket.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csignal>
+#include <regex>
+#include <sys/stat.h>
+
+using namespace std::string_literals;
+
+namespace {
+
+/// A sandbox that serves its directory at a port of its own, with the password "secret".
+struct Sandbox : Scratch {
+    explicit Sandbox(const Arguments& more = {"-P0", "-m16384"})
+        : run(KXSANDBOX_PROGRAM, {"-d", directory, "-psecret", more[0], more[1]}, {}) {
+        EXPECT_TRUE(run.waitFor("\n"));
+        port = static_cast<U16>(std::stoul(run.output.substr(run.output.find("port ") + 5)));
+    }
+
+    /// A connection of this process.
+    I32 connect() const {
+        CONNECT_PARAMS record{};
+        record.host = "127.0.0.1";
+        EXPECT_EQ(managerConnectToPort(&record, port), 0);
+        return record.s;
+    }
+
+    TerminalRun run;
+    U16 port;
+};
+
+} // namespace
+
+TEST(EndToEnd, CopyBetweenTwoServersKeepsWritersOut) {
+    const Sandbox source;
+    source.write("a.rep", "4321\6" + std::string(32 << 20, '.') + "end");
+    const std::string port = std::to_string(source.port);
+    const Sandbox dest({"-A127.0.0.2", "-P" + port});
+    TerminalRun copy(KXADMIN_PROGRAM,
+                     {"copy", "-p", "secret", "127.0.0.1:a.rep", "127.0.0.2:b.rep"},
+                     {{"KXSRV_CTRL_PORT", port}});
+    // Its progress fills the terminal, of which nothing is read: it stops half way, with its lock.
+    ASSERT_TRUE(copy.waitFor("Locked library of size 0:33554448 bytes."));
+    const I32 s = source.connect();
+    managerFileOpen("a.rep", 0x42, s);
+    char c = 'x';
+    for (const U32 offset : {0U, 16U << 20, (32U << 20) + 7}) {
+        EXPECT_EQ(managerFileWrite(s, offset, &c, 1, 0), -33);
+        EXPECT_EQ(managerFileRead(s, offset, &c, 1, 0), -33);
+    }
+    EXPECT_EQ(managerFile16GbLargeLock(s, 0, 9, 0, 1), -33);
+    EXPECT_EQ(copy.finish(), 0);
+    EXPECT_TRUE(
+        copy.output.ends_with("\r\nRepository 127.0.0.1:a.rep copied to 127.0.0.2:b.rep.\r\n"));
+    EXPECT_TRUE(dest.read("b.rep") == source.read("a.rep"));
+    EXPECT_EQ(managerFileWrite(s, 0, &c, 1, 0), 1);
+    managerDisconnect(s);
+}
+
+TEST(EndToEnd, ACopyThatIsEndedLeavesNoLock) {
+    for (const int iSignal : {SIGINT, SIGKILL}) {
+        const Sandbox sandbox;
+        sandbox.write("a.rep", "4321\6" + std::string(32 << 20, '.'));
+        TerminalRun copy(KXADMIN_PROGRAM, {"copy", "-p", "secret", "a.rep", "b.rep"},
+                         {{"KXSRV_CTRL_PORT", std::to_string(sandbox.port)}});
+        ASSERT_TRUE(copy.waitFor("Locked library of size 0:33554448 bytes."));
+        const I32 s = sandbox.connect();
+        managerFileOpen("a.rep", 0x42, s);
+        EXPECT_EQ(managerFile16GbLargeLock(s, 0, 0, 0, 1), -33);
+        kill(copy.process, iSignal);
+        EXPECT_EQ(copy.finish(), 128 + iSignal);
+        I32 rc;
+        while ((rc = managerFile16GbLargeLock(s, 0, 0, 0, 1)) == -33) // until the sandbox notices
+            continue;
+        EXPECT_EQ(rc, 0);
+        managerDisconnect(s);
+    }
+}
+
+/// How many entries a directory of /proc has.
+static std::ptrdiff_t entries(pid_t process, const char* pszWhat) {
+    using Iterator = std::filesystem::directory_iterator;
+    return std::distance(Iterator("/proc/" + std::to_string(process) + "/" + pszWhat), Iterator());
+}
+
+TEST(EndToEnd, ManyClientsLeaveNothingBehind) {
+    Sandbox sandbox;
+    const I32 s = sandbox.connect();
+    const auto descriptors = entries(sandbox.run.process, "fd");
+    for (int i = 0; i < 10000; ++i)
+        socketClose(socketConnectToHost("127.0.0.1", sandbox.port));
+    std::vector<I32> clients;
+    int refused = 0;
+    for (int i = 0; i < 200; ++i) {
+        U32 identifier = 1;
+        clients.push_back(socketConnectToHost("127.0.0.1", sandbox.port));
+        EXPECT_EQ(socketReceiveBuffer(clients.back(), &identifier, 4), 4);
+        refused += identifier == 0;
+    }
+    EXPECT_EQ(refused, 101); // one of the 100 is taken
+    for (const I32 client : clients)
+        socketClose(client);
+    while (entries(sandbox.run.process, "fd") > descriptors) // until all have left
+        usleep(1000);
+    EXPECT_EQ(entries(sandbox.run.process, "fd"), descriptors);
+    EXPECT_EQ(managerVerifyPassword(s, "", 0, "secret", 6), 0);
+    managerStopServer(s);
+    EXPECT_EQ(sandbox.run.finish(), 0) << "leaks"; // as the leak sanitizer sees it
+    managerAbandon(s);
+}
+
+TEST(EndToEnd, NothingOutsideTheDirectoryIsReached) {
+    const Scratch outside;
+    const Sandbox sandbox;
+    outside.write("secret", "s");
+    sandbox.write("a.rep", "a");
+    mkdir(sandbox.path("sub").c_str(), 0700);
+    mkfifo(sandbox.path("fifo").c_str(), 0600);
+    const std::string secret = outside.path("secret"), up = ".." + secret.substr(4); // in /tmp both
+    // clang-format off
+    const std::pair<std::string, std::string> links[] = {
+        {"sub/in", "../a.rep"}, {"out", secret}, {"sub/relative", "../" + up}, {"door", outside.directory}, {"loop", "loop"}};
+    const std::pair<std::string, I32> rows[] = {
+        {"a.rep", 0}, {"//sub/../a.rep", 0}, {"sub/in", 0}, {up, -13}, {"/" + up, -13}, {"sub/../" + up, -13}, {"out", -13},
+        {"sub/relative", -13}, {"door/secret", -13}, {"door/new", -13}, {secret, -2}, {"/proc/self/root" + secret, -2},
+        {"loop", -13}, {"sub", -13}, {"fifo", -13}, {"", -201}};
+    // clang-format on
+    for (const auto& [name, target] : links)
+        std::filesystem::create_symlink(target, sandbox.path(name));
+    const I32 s = sandbox.connect();
+    for (const auto& [path, result] : rows) {
+        EXPECT_EQ(std::min(managerFileOpen(path.c_str(), 0x42, s), 0), result) << path;
+        managerFileClose(s);
+        EXPECT_EQ(managerFileCreate(path.c_str(), s), result) << path;
+    }
+    // A link that leads now in and now out while it is opened.
+    std::atomic<bool> fDone = false;
+    std::thread swapper([&] {
+        for (int i = 0; !fDone; ++i) {
+            std::filesystem::create_symlink(i % 2 ? secret : "a.rep", sandbox.path("next"));
+            std::filesystem::rename(sandbox.path("next"), sandbox.path("swapped"));
+        }
+    });
+    for (int i = 0; i < 2000; ++i) {
+        char c = '-';
+        if (managerFileOpen("swapped", 0x42, s) >= 0) {
+            managerFileRead(s, 0, &c, 1, 0);
+            managerFileClose(s);
+        }
+        EXPECT_NE(c, 's');
+    }
+    fDone = true;
+    swapper.join();
+    managerDisconnect(s);
+    EXPECT_EQ(outside.read("secret") + outside.read("new"), "s(none)");
+}
+
+TEST(EndToEnd, RubbishEndsItsConnectionAndNoOther) {
+    const Sandbox sandbox;
+    const I32 s = sandbox.connect();
+    for (const std::string& rubbish :
+         {"GET / HTTP/1.0\r\n\r\n"s, requestBytes(0), requestBytes(5), requestBytes(49),
+          be32(3) + be32(0xffffffff) + be32(1), be32(3) + be32(0) + be32(65537),
+          be32(1) + be32(0) + be32(9) + "cut", "\0\0"s, ""s}) {
+        const I32 other = socketConnectToHost("127.0.0.1", sandbox.port);
+        socketSendBuffer(other, rubbish.data(), static_cast<I32>(rubbish.size()));
+        shutdown(other, SHUT_WR);
+        char bytes[5];
+        EXPECT_LE(socketReceiveBuffer(other, bytes, 5), 4); // the identifier, and the end
+        socketClose(other);
+    }
+    EXPECT_EQ(managerFileCreate("a.rep", s), 0);
+    managerDisconnect(s);
+}
+
+TEST(EndToEnd, AFullServerRefusesAKillMakesRoomAndAStopEndsIt) {
+    Sandbox sandbox({"-P0", "-c2"});
+    sandbox.write("a.rep", "bytes");
+    const auto said = [&](const Arguments& arguments) {
+        return runKxadmin(arguments, sandbox.port, "y").out;
+    };
+    const I32 first = sandbox.connect(), second = sandbox.connect();
+    EXPECT_EQ(said({"stat"}), banner + "Error querying server\n"s);
+    managerFileOpen("a.rep", 0x42, first);
+    EXPECT_EQ(managerFile16GbLargeLock(first, 0, 0, 0, 5), 0);
+    managerDisconnect(second);
+    const std::string listing = std::regex_replace(said({"list", "-l1"}), std::regex(" +|\r"), " ");
+    EXPECT_NE(listing.find("\nConnection 1 holds locks on a.rep \n Offset Length \n 0 5 \n"),
+              std::string::npos)
+        << listing;
+    EXPECT_EQ(said({"stop", "-k1", "-p", "secret"}),
+              banner + "Connection 1 on host localhost killed.\n"s);
+    EXPECT_LT(managerFileClose(first), -239);
+    const I32 third = sandbox.connect();
+    managerFileOpen("a.rep", 0x42, third);
+    EXPECT_EQ(managerFileWrite(third, 0, "B", 1, 0), 1);
+    managerDisconnect(third);
+    EXPECT_TRUE(said({"stop", "-p", "secret"}).ends_with("\nServer has been scheduled to stop.\n"));
+    EXPECT_EQ(sandbox.run.finish(), 0);
+}
+
+TEST(EndToEnd, ASandboxRunsOneCommand) {
+    const auto hasLine = [](const std::string& text, const std::string& line) {
+        return std::regex_replace(text, std::regex(" +|\r"), " ").find(line) != std::string::npos;
+    };
+    // clang-format off
+    const struct {
+        Arguments arguments;
+        int status;
+        std::string line; // with its blanks run together
+    } rows[] = {
+        {{"-t2", "--", KXADMIN_PROGRAM, "stat"}, 0, "\nServer type 2 (unnamed) \n"},
+        {{"--", KXADMIN_PROGRAM, "stat"}, 0, "\n 13 server statistics 1 0 \n"},
+        {{"--", "kxadmin", "list"}, 0, " 4 - \n"}, // found beside the sandbox
+        {{"-p", "x", "-m", "4096", "--", KXADMIN_PROGRAM, "opts"}, 0, "\nAdministrator's password set \nServer type 0 (KXSRV) \nData limit 4096 \n"},
+        {{"-p", "x", "--", KXADMIN_PROGRAM, "opts", "-s3", "-p", "y"}, 0, "\nPassword is invalid.\nChange"},
+        {{"-p", "x", "--", "sh", "-c", KXADMIN_PROGRAM " opts -s3 -p x; " KXADMIN_PROGRAM " opts"}, 0, "\nLogging level 3 (Debug) \n"},
+        {{"-t1", "--", KXADMIN_PROGRAM, "list"}, 0, "\nSupported PXSRV commands are OPTS and STOP only.\n"},
+        {{"--", "sh", "-c", "exit 7"}, 7, ""}, {{"--", "sh", "-c", "kill -9 $$"}, 137, ""},
+        {{"--", "/no/such"}, 127, "kxsandbox: cannot run /no/such: No such file or directory\n"},
+        {{"-a", "10.0.0.1"}, 2, "kxsandbox: -a: '10.0.0.1' is not a loopback address; the sandbox listens below 127.0.0.0/8 only\n"},
+        {{"-P", "12x"}, 2, "kxsandbox: -P: the port '12x' is not a number from 0 to 65535\nTry 'kxsandbox --help'\n"}};
+    // clang-format on
+    for (const auto& row : rows) {
+        const Outcome outcome = runProgram(KXSANDBOX_PROGRAM, row.arguments);
+        EXPECT_EQ(outcome.status, row.status) << row.line;
+        EXPECT_TRUE(hasLine(outcome.out + outcome.err, row.line)) << outcome.out << outcome.err;
+    }
+}
