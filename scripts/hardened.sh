@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# hardened.sh <program>...: fails unless each program was built with every protection.
+set -euo pipefail
+
+# Says what is missing unless the output of a command on the program holds a pattern.
+expect() {
+    local what=$1 pattern=$2
+    shift 2
+    "$@" "$program" | grep -E -e "$pattern" >/dev/null || {
+        echo "$program: $what is missing"
+        failed=1
+    }
+}
+
+failed=0
+for program; do
+    expect 'position independence' 'Type: +DYN .Position-Independent Executable' readelf -hW
+    expect 'read-only relocation' 'GNU_RELRO' readelf -lW
+    expect 'binding at start-up' 'BIND_NOW|NOW' readelf -dW
+    expect 'a stack that cannot be executed' 'GNU_STACK.* RW +0x' readelf -lW
+    expect 'the stack protector' '__stack_chk_fail' readelf -sW
+    expect 'checked copying' '__(memcpy|vfprintf|vsnprintf|snprintf|fprintf|printf)_chk' readelf -sW
+    # shellcheck disable=SC2016 # an assembler's dollar
+    expect 'probing of the stack' '(or|mov)[ql] +\$0x0,(0x[0-9a-f]+)?\(%rsp\)' objdump -d
+done
+exit "$failed"
