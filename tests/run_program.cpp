@@ -74,6 +74,8 @@ Outcome runProgram(const std::string& program, const Arguments& arguments,
         std::abort();
     Start start(program, arguments, environment);
     const pid_t process = fork();
+    if (process < 0)
+        std::abort();
     if (process == 0) {
         dup2(in[0], 0);
         dup2(out[1], 1);
@@ -103,6 +105,8 @@ TerminalRun::TerminalRun(const std::string& program, const Arguments& arguments,
     process = forkpty(&terminal, nullptr, nullptr, nullptr);
     if (process == 0)
         start.run();
+    if (process < 0) // a signal for process -1 would reach every process there is
+        std::abort();
 }
 
 TerminalRun::~TerminalRun() {
