@@ -165,7 +165,9 @@ TEST(EndToEnd, NothingOutsideTheDirectoryIsReached) {
 
 TEST(EndToEnd, RubbishEndsItsConnectionAndNoOther) {
     const Sandbox sandbox;
-    const I32 s = sandbox.connect();
+    const I32 s = sandbox.connect(), silent = sandbox.connect();
+    const std::string slow = requestBytes(REQUEST_GET_KXSRV_STATS); // all the while half sent
+    socketSendBuffer(silent, slow.data(), 6);
     for (const std::string& rubbish :
          {"GET / HTTP/1.0\r\n\r\n"s, requestBytes(0), requestBytes(5), requestBytes(49),
           be32(3) + be32(0xffffffff) + be32(1), be32(3) + be32(0) + be32(65537),
@@ -179,6 +181,10 @@ TEST(EndToEnd, RubbishEndsItsConnectionAndNoOther) {
     }
     EXPECT_EQ(managerFileCreate("a.rep", s), 0);
     managerDisconnect(s);
+    char header[12];
+    socketSendBuffer(silent, slow.data() + 6, 6);
+    EXPECT_EQ(socketReceiveBuffer(silent, header, 12), 12);
+    socketClose(silent);
 }
 
 TEST(EndToEnd, AFullServerRefusesAKillMakesRoomAndAStopEndsIt) {

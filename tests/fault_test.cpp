@@ -1,12 +1,18 @@
-// One oracle, swept over every fault: whatever the server or the streams do, the program ends by
-// itself, says which step failed, claims no copy that is not equal, and leaves no lock on a link
-// that works. KX_FAULTS=all tries every fault, otherwise a sample is tried.
+// One oracle, swept over every fault: whatever the server, the streams or a signal do, the program
+// ends by itself, says which step failed, claims no copy that is not equal, leaves no lock on a
+// link that works, no process, no file but its own and a terminal that echoes. KX_FAULTS=all tries
+// every fault, otherwise a sample is tried.
 #include "tests/file_server.h"
+#include "tests/scratch.h"
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <sstream>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 
 using namespace std::string_literals;
 
@@ -21,12 +27,9 @@ struct Command {
     Arguments arguments;
     std::vector<Step> steps;
     std::string input = "";
-};
-
-struct Ending {
-    Outcome outcome;
-    std::string codes;
-    bool fEqual; // the copy is
+    std::string file = "";   // the one that it leaves behind
+    std::string behind = ""; // what stands behind the server's text, of a command that shows one
+    bool fPrompts = false;   // for the password, on a terminal
 };
 
 /// What a fault does harm to: its step and the link behind it, its step alone, all steps from there
@@ -34,6 +37,22 @@ struct Ending {
 enum Reach { LINK, STEP, ALL_BEHIND };
 
 using Disturb = std::function<Answer(std::size_t index, const Answer& answer)>;
+
+/// What is done to a run.
+struct Harm {
+    Disturb disturb = nullptr;
+    std::string streams = ""; // redirections of the shell
+    int iSignal = 0;          // at the prompt
+    Answer sourceGreeting{be32(1)}, destGreeting{be32(1)};
+};
+
+struct Ending {
+    Outcome outcome;
+    std::string said; // on the console, or in the report file
+    std::string codes;
+    bool fEqual;   // the copy is
+    bool fCleared; // nothing is left behind
+};
 
 } // namespace
 
@@ -59,10 +78,12 @@ static std::string times(int n, const std::string& text) {
     return n == 0 ? "" : text + times(n - 1, text);
 }
 
+static const std::string line = std::string(78, '=') + "\n";
+
 // clang-format off
 #define CONNECTED(s) s "12;Error querying server|" s "28;Error querying server;=|" s "9|"
 static const Command commands[] = {
-    {{"stat"}, steps(CONNECTED("s") "s13;Failed receiving statistics.;=|s10")},
+    {{"stat"}, steps(CONNECTED("s") "s13;Failed receiving statistics.;=|s10"), "", "", line},
     {{"test", "-r", "a.rep"}, steps(CONNECTED("s") "s1;Unexpected error rc=-242 opening;open|s3;too small;rea|s3;too small;rea|s2|s10")},
     {{"copy", "-p", "secret", "a.rep", "127.0.0.2:b.rep"}, steps(CONNECTED("s") "s25|" CONNECTED("d") "d25|d10|"
         "s1;Source path invalid or inaccessible.;=|s3;Error reading source repository.;=|s2;Password is invalid.|s11;Password is invalid.;=|"
@@ -77,20 +98,50 @@ static const Command commands[] = {
         "s1;Source path invalid or inaccessible.;=|s3;Error reading source repository.;=|s2;Password is invalid.|s11;Password is invalid.;=|"
         "s1;Source path invalid or inaccessible.;=|s32;Failed checking repository EOF.;=|s47;system copy aborted.;=|"
         "s32;system copy aborted.;=|s48;Error unlocking source repository.;=|s2|s10")},
-    {{"list"}, steps(CONNECTED("s") "s14;Could not get connection list on localhost.|s10")},
-    {{"list", "-s1"}, steps(CONNECTED("s") "s15;Connection 1 is not active, could not get connection stats.;=|s10")},
-    {{"list", "-l1"}, steps(CONNECTED("s") "s21;Connection 1 is not active, could not get lock list.;=|s10")},
-    {{"opts"}, steps(CONNECTED("s") "s24;Error retrieving KXSRV options.;=|s10")},
+    {{"list"}, steps(CONNECTED("s") "s14;Could not get connection list on localhost.|s10"), "", "", line},
+    {{"list", "-s1"}, steps(CONNECTED("s") "s15;Connection 1 is not active, could not get connection stats.;=|s10"), "", "", "\n"},
+    {{"list", "-l1"}, steps(CONNECTED("s") "s21;Connection 1 is not active, could not get lock list.;=|s10"), "", "", "\n"},
+    {{"opts"}, steps(CONNECTED("s") "s24;Error retrieving KXSRV options.;=|s10"), "", "", line},
     {{"opts", "-s1", "-p"}, steps(CONNECTED("s") "s11;Change logging level cancelled.;=|s20|s10")},
     {{"stop", "-p"}, steps(CONNECTED("s") "s11;Password is invalid.;=|s14|s17"), "y\n"},
     {{"stop", "-p", "-k3"}, steps(CONNECTED("s") "s11;Password is invalid.;=|s16;Connection 3 is not active on host localhost.;=")},
-    {{"bench", "-c1024", "-l/dev/null"}, steps(CONNECTED("s") "s7;Error creating repository.;=|s2;Error creating repository.;=|"
+    {{"bench", "-c1024"}, steps(CONNECTED("s") "s7;Error creating repository.;=|s2;Error creating repository.;=|"
         "s1;Error opening repository.;=|" + times(100, "s4;Error opening repository.|") + "s2;Error opening repository.|"
-        "s1;Error opening repository.;=|" + times(32, "s3;Error reading source repository.;=|") + "s2|s10")}};
+        "s1;Error opening repository.;=|" + times(32, "s3;Error reading source repository.;=|") + "s2|s10"), "", "kxbench.log"},
+    // The report is silent on a server that cannot be asked.
+    {{"test", "-r", "a.rep", "-f", "report"}, steps("s12|s28|s9|s1;8\n;open|s3;5\n;rea|s3;5\n;rea|s2|s10"), "", "report"},
+    {{"opts", "-s1"}, steps(CONNECTED("s") "s11;Change logging level cancelled.;=|s20|s10"), "secret\n", "", "", true},
+    {{"stop"}, steps(CONNECTED("s") "s11;Password is invalid.;=|s14|s17"), "secret\ny\n", "", "", true}};
 // clang-format on
-static const Command &statistics = commands[0], &copying = commands[2], &stopping = commands[9];
 
-static Ending run(const Command& command, const Disturb& disturb, const std::string& shell = "") {
+/// On a terminal of its own, where the input is typed at the prompt, or the signal comes there.
+static Outcome runOnTerminal(const Arguments& arguments, const Environment& environment,
+                             const std::string& input, int iSignal, bool* pfEchoes) {
+    TerminalRun run("/usr/bin/env", arguments, environment);
+    if (run.waitForEcho(false) && iSignal != 0)
+        kill(run.process, iSignal);
+    else if (!run.echoes())
+        run.type(input);
+    Outcome outcome;
+    outcome.status = run.finish();
+    *pfEchoes = run.echoes();
+    std::erase(run.output, '\r');
+    outcome.out = run.output;
+    return outcome;
+}
+
+/// No process, and no file but the command's own.
+static bool isCleared(const Command& command, const Scratch& scratch) {
+    const bool fAlone = waitpid(-1, nullptr, WNOHANG) < 0;
+    for (const auto& entry : std::filesystem::directory_iterator(scratch.directory))
+        if (entry.path().filename() != command.file)
+            return false;
+    return fAlone;
+}
+
+static Ending run(const Command& command, const Harm& harm = {}) {
+    prctl(PR_SET_CHILD_SUBREAPER, 1); // the processes that a command leaves behind come to us
+    const Scratch scratch;
     Volume from, to;
     from.files["a.rep"] = repository(2000);
     from.dataLimit = command.arguments[0] == "bench" ? 32768 : 1000;
@@ -98,32 +149,42 @@ static Ending run(const Command& command, const Disturb& disturb, const std::str
     serveFiles(source, from);
     serveFiles(dest, to);
     source.on(REQUEST_GET_CONNECTION_LIST, {reply(1, "one\n")});
-    source.disturb = dest.disturb = disturb;
+    source.disturb = dest.disturb = harm.disturb;
+    source.greeting = harm.sourceGreeting;
+    dest.greeting = harm.destGreeting;
     // A run that would not end is ended with status 124.
-    Arguments arguments{"20", KXADMIN_PROGRAM};
-    if (!shell.empty())
-        arguments = {"20", "/bin/sh", "-c", "exec \"$0\" \"$@\" " + shell, KXADMIN_PROGRAM};
+    Arguments arguments{
+        "-C",           scratch.directory, "timeout", "--foreground",
+        "20",           "/bin/sh",         "-c",      "exec \"$0\" \"$@\" " + harm.streams,
+        KXADMIN_PROGRAM};
     arguments.insert(arguments.end(), command.arguments.begin(), command.arguments.end());
+    const Environment environment{{"KXSRV_CTRL_PORT", std::to_string(source.port)}};
+    bool fEchoes = true;
     const Outcome outcome =
-        runProgram("/usr/bin/timeout", arguments,
-                   {{"KXSRV_CTRL_PORT", std::to_string(source.port)}}, command.input);
-    return {outcome, source.codes(), to.files["b.rep"] == from.files["a.rep"]};
+        command.fPrompts
+            ? runOnTerminal(arguments, environment, command.input, harm.iSignal, &fEchoes)
+            : runProgram("/usr/bin/env", arguments, environment, command.input);
+    const bool fReport = command.file == "report";
+    return {outcome, fReport ? banner + outcome.out + scratch.read("report") : outcome.out,
+            source.codes(), to.files["b.rep"] == from.files["a.rep"],
+            isCleared(command, scratch) && fEchoes};
 }
 
 /// The oracle. `message` has to be told, if it is one; `cServer` is the server whose link is
 /// broken.
 static bool survives(const Ending& run, const std::string& message = "", char cServer = '-') {
-    const std::string& out = run.outcome.out;
+    const std::string all = run.outcome.out + run.outcome.err;
     const std::size_t lock = run.codes.find("s47");
     const bool fReleased = cServer == 's' || lock == std::string::npos ||
                            run.codes.find("s48", lock) != std::string::npos ||
                            run.codes.find("s2", lock) != std::string::npos ||
                            run.codes.find("s10", lock) != std::string::npos; // with the connection
-    const bool fClaimed = out.find(" copied to 127.0.0.2") != std::string::npos;
-    return run.outcome.status == 0 && out.find(banner) == 0 && fReleased &&
-           run.outcome.err.find("Sanitizer") == std::string::npos &&
-           run.outcome.err.find("runtime error") == std::string::npos &&
-           out.find(message) != std::string::npos && (!fClaimed || (run.fEqual && message.empty()));
+    const bool fClaimed = run.said.find(" copied to 127.0.0.2") != std::string::npos;
+    return run.outcome.status == 0 && run.said.starts_with(banner) && fReleased && run.fCleared &&
+           all.find("Sanitizer") == std::string::npos &&
+           all.find("runtime error") == std::string::npos &&
+           run.said.find(message) != std::string::npos &&
+           (!fClaimed || (run.fEqual && message.empty()));
 }
 
 /// The faults of one row of the sweep, of which a sample is tried unless all are asked for.
@@ -167,10 +228,11 @@ static void sweep(Row row, const Commands& scenes, std::size_t variants, Reach r
                     continue;
                 std::string message;
                 const Step& step = command.steps[i];
-                const Ending result = run(command, [&](std::size_t index, const Answer& answer) {
+                const auto disturb = [&](std::size_t index, const Answer& answer) {
                     const bool fHere = index == i || (reach == ALL_BEHIND && index > i);
                     return fHere ? change(step, v, answer, &message) : answer;
-                });
+                };
+                const Ending result = run(command, {.disturb = disturb});
                 const char cBroken = reach == LINK ? step.code[0] : '-';
                 row.judge(survives(result, message, cBroken), result, step,
                           "variant " + std::to_string(v));
@@ -182,17 +244,17 @@ TEST(Faults, UndisturbedRunsAreAsDescribed) {
         std::string codes;
         for (const Step& step : command.steps)
             codes += (codes.empty() ? "" : " ") + step.code;
-        const Ending result = run(command, nullptr);
+        const Ending result = run(command);
         EXPECT_EQ(result.codes, codes);
-        EXPECT_TRUE(survives(result)) << result.outcome.out;
+        EXPECT_TRUE(survives(result)) << result.said;
+        EXPECT_EQ(result.fEqual, codes.find("d39") != std::string::npos);
     }
-    EXPECT_TRUE(run(copying, nullptr).fEqual);
 }
 
 TEST(Faults, LosesTheConnection) {
     // At every byte of the header, at the edges and the middle of the body, and behind the reply,
     // where the next request finds out.
-    sweep(Row("connection lost", 23), commands, 32, LINK,
+    sweep(Row("connection lost", 31), commands, 32, LINK,
           [](const Step& step, std::size_t v, const Answer& answer, std::string* pMessage) {
               const std::size_t size = answer.bytes.size();
               const std::size_t edges[] = {13, (12 + size) / 2, size - 1, size};
@@ -200,6 +262,22 @@ TEST(Faults, LosesTheConnection) {
               *pMessage = cut < size ? step.lost : "";
               return Answer{answer.bytes.substr(0, cut), v % 2 ? Answer::RESET : Answer::CLOSE};
           });
+}
+
+TEST(Faults, LosesTheGreeting) {
+    Row row("greeting lost", 5);
+    for (const Command& command : commands)
+        for (std::size_t i = 0; i < command.steps.size(); ++i) // the first requests of connections
+            for (std::size_t v = 0; v < 8 && command.steps[i].code.ends_with("12"); ++v) {
+                const Answer cut{be32(1).substr(0, v / 2), v % 2 ? Answer::RESET : Answer::CLOSE};
+                const bool fDest = command.steps[i].code[0] == 'd';
+                if (!row.next())
+                    continue;
+                const Ending result = run(command, {.sourceGreeting = fDest ? Answer{be32(1)} : cut,
+                                                    .destGreeting = fDest ? cut : Answer{be32(1)}});
+                const std::string message = command.steps[fDest ? 4 : 0].lost;
+                row.judge(survives(result, message), result, command.steps[i], hex(cut.bytes));
+            }
 }
 
 TEST(Faults, IsRefused) {
@@ -216,11 +294,11 @@ TEST(Faults, ComesInPieces) {
     Row row("short and slow", 1);
     for (const Command& command : commands)
         for (const std::size_t piece : {1U, 7U}) {
-            const Ending whole = run(command, nullptr);
-            const Ending slow = run(command, [=](std::size_t, const Answer& answer) {
+            const auto disturb = [=](std::size_t, const Answer& answer) {
                 return Answer{answer.bytes, answer.after, piece};
-            });
-            row.judge(slow.outcome.out == whole.outcome.out && slow.codes == whole.codes, slow,
+            };
+            const Ending whole = run(command), slow = run(command, {.disturb = disturb});
+            row.judge(survives(slow) && slow.said == whole.said && slow.codes == whole.codes, slow,
                       command.steps[0], "pieces of " + std::to_string(piece));
         }
 }
@@ -228,7 +306,7 @@ TEST(Faults, ComesInPieces) {
 TEST(Faults, IsLiedTo) {
     static const U32 lengths[] = {0,     1,          32767,      32768,     32769,
                                   65535, 0x7FFFFFFF, 0x80000000, UINT32_MAX};
-    sweep(Row("lying lengths", 23), commands, 3 * std::size(lengths), LINK,
+    sweep(Row("lying lengths", 31), commands, 3 * std::size(lengths), LINK,
           [](const Step&, std::size_t v, const Answer& answer, std::string*) {
               std::string lie = answer.bytes;
               for (const std::size_t field : {1U, 2U})
@@ -249,32 +327,56 @@ TEST(Faults, PrintsHostileTexts) {
     std::string all;
     for (int c = 1; c < 256; ++c)
         all += static_cast<char>(c);
-    for (const std::string& text :
-         {all, "%n%s%1000000d"s, "no line feed"s, "a\0hidden"s, std::string(32768, '%')}) {
-        std::string shown;
-        for (const char c : text.substr(0, text.find('\0')))
-            shown += c == '\n' ? "\r\n" : std::string(1, c);
-        const std::string line = std::string(78, '=') + "\n";
-        const Ending result = run(statistics, [&](std::size_t index, const Answer& answer) {
-            return index == 3 ? reply(0, text) : answer;
-        });
-        row.judge(result.outcome.out == banner + ("\n" + line) + shown + line, result,
-                  statistics.steps[3], text.substr(0, 12));
-    }
+    for (const Command& command : commands)
+        for (const std::string& text :
+             {all, "%n%s%1000000d"s, "no line feed"s, "a\0hidden"s, std::string(32768, '%')}) {
+            if (command.behind.empty())
+                continue;
+            std::string shown;
+            for (const char c : text.substr(0, text.find('\0')))
+                shown += c == '\n' ? "\r\n" : std::string(1, c);
+            const auto disturb = [&](std::size_t index, const Answer& answer) {
+                return index == 3 ? reply(0, text) : answer;
+            };
+            const Ending result = run(command, {.disturb = disturb});
+            const std::string expected = banner + ("\n" + line) + shown + command.behind;
+            row.judge(survives(result) && result.said == expected, result, command.steps[3],
+                      text.substr(0, 12));
+        }
 }
 
 TEST(Faults, DoesWithoutItsStreams) {
-    Row row("broken streams", 1);
-    for (const Command& command : {statistics, copying, stopping})
+    Row row("broken streams", 3);
+    for (const Command& command : commands) {
+        const Ending whole = run(command);
         for (const char* pszStreams :
              {">&-", "<&-", "2>&-", "<&- >&- 2>&-", ">/dev/full", "2>/dev/full", "| true"}) {
-            const Ending result = run(command, nullptr, pszStreams);
+            if (!row.next())
+                continue;
+            const Ending result = run(command, {.streams = pszStreams});
             // A stop that cannot be confirmed is not one; all else is done to the end.
-            const bool fDeclined = command.input != "" && pszStreams[0] == '<';
-            const Ending whole = run(command, nullptr);
+            const bool fDeclined = command.input.ends_with("y\n") && pszStreams[0] == '<';
             const std::string codes =
                 fDeclined ? whole.codes.substr(0, whole.codes.rfind(' ')) : whole.codes;
-            row.judge(result.outcome.status == 0 && result.codes == codes, result, command.steps[0],
-                      pszStreams);
+            const bool fReported = command.file != "report" || result.said == whole.said;
+            row.judge(result.outcome.status == 0 && result.fCleared && result.codes == codes &&
+                          result.fEqual == whole.fEqual && fReported,
+                      result, command.steps[0], pszStreams);
+        }
+    }
+}
+
+TEST(Faults, IsSignalledAtThePrompt) {
+    Row row("signals at the prompt", 1);
+    for (const Command& command : commands)
+        for (const int iSignal : {SIGQUIT, SIGHUP, SIGTERM, SIGINT}) {
+            if (!command.fPrompts)
+                continue;
+            const Ending result = run(command, {.iSignal = iSignal});
+            row.judge(result.outcome.status == 1 && result.fCleared &&
+                          result.codes == "s12 s28 s9" &&
+                          result.said ==
+                              banner + "Enter the password for the account used to start KXSRV : "s,
+                      result, command.steps[3], strsignal(iSignal));
         }
 }

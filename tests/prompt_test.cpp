@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
-
 static const std::string prompt = "Enter the password for the account used to start KXSRV : ";
 static const std::string shown = // on a terminal
     "\r\nKXADMIN 7.0a\r\nBy the kxadmin authors\r\nLocale: C\r\n" + prompt;
@@ -23,19 +21,4 @@ TEST(Prompt, HidesWhatIsTyped) {
                               "\r\n\r\nThere are 3 active connections.\r\nAre you sure you "
                               "want to stop the server? (Y/N)?\r\nn\r\n\r\nStop cancelled.\r\n");
     EXPECT_EQ(server.codes(), "12 28 9 11 14");
-}
-
-TEST(Prompt, GivesTheTerminalBackAtASignal) {
-    for (const int iSignal : {SIGQUIT, SIGHUP, SIGTERM, SIGINT}) {
-        SCOPED_TRACE(strsignal(iSignal));
-        ScriptedServer server;
-        TerminalRun run(KXADMIN_PROGRAM, {"opts", "-s1"},
-                        {{"KXSRV_CTRL_PORT", std::to_string(server.port)}});
-        ASSERT_TRUE(run.waitForEcho(false));
-        kill(run.process, iSignal);
-        EXPECT_EQ(run.finish(), 1);
-        EXPECT_TRUE(run.echoes());
-        EXPECT_EQ(run.output, shown);
-        EXPECT_EQ(server.codes(), "12 28 9");
-    }
 }

@@ -124,25 +124,31 @@ Answer ScriptedServer::answerTo(const std::string& request) {
     return disturb != nullptr ? disturb(index, answer) : answer;
 }
 
-void ScriptedServer::serve(I32 s) {
-    const int iOn = 1; // pieces travel as they are sent
-    setsockopt(s, IPPROTO_TCP, TCP_NODELAY, &iOn, sizeof iOn);
-    socketSendBuffer(s, greeting.data(), static_cast<I32>(greeting.size()));
-    Answer answer{"", greeting.size() < 4 ? Answer::CLOSE : Answer::GO_ON};
-    for (std::string request; answer.after == Answer::GO_ON && receiveRequest(s, &request);) {
-        answer = answerTo(request);
-        const std::size_t size = answer.bytes.size(),
-                          piece = answer.piece != 0 ? answer.piece : size;
-        for (std::size_t i = 0; i < size; i += piece)
-            socketSendBuffer(s, &answer.bytes[i], static_cast<I32>(std::min(piece, size - i)));
-    }
+/// Sends it, and ends the connection if it is to.
+static void send(I32 s, const Answer& answer) {
+    const std::size_t size = answer.bytes.size(), piece = answer.piece != 0 ? answer.piece : size;
+    for (std::size_t i = 0; i < size; i += piece)
+        socketSendBuffer(s, &answer.bytes[i], static_cast<I32>(std::min(piece, size - i)));
     if (answer.after == Answer::RESET) {
         // Dissolving the association resets the connection and leaves the descriptor to its owner.
         const sockaddr none{.sa_family = AF_UNSPEC, .sa_data = {}};
         connect(s, &none, sizeof none);
     }
-    if (answer.after != Answer::STALL)
+    if (answer.after == Answer::CLOSE || answer.after == Answer::RESET)
         SocketShutdown(s);
+}
+
+void ScriptedServer::serve(I32 s) {
+    const int iOn = 1; // pieces travel as they are sent
+    setsockopt(s, IPPROTO_TCP, TCP_NODELAY, &iOn, sizeof iOn);
+    send(s, greeting);
+    Answer answer{"", greeting.after};
+    for (std::string request; answer.after == Answer::GO_ON && receiveRequest(s, &request);) {
+        answer = answerTo(request);
+        send(s, answer);
+    }
+    if (answer.after == Answer::GO_ON)
+        SocketShutdown(s); // as its client has
 }
 
 std::string ScriptedServer::codes() {

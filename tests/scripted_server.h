@@ -62,7 +62,7 @@ public:
     std::string codes();                 // of the trace, without the last blank
     std::vector<std::string> requests(); // of the trace
 
-    std::string greeting = be32(1); // sent to every new connection, which a short one ends
+    Answer greeting{be32(1)}; // to every new connection
     std::string host = "127.0.0.1";
     U16 port = 0;
 
