@@ -19,13 +19,23 @@ extern U32 ManagerSysErrno;                   // errno of a local failure, syste
 extern char ManagerErrorText[MAX_REPLY_DATA]; // the text that goes with it
 // clang-format on
 
+/// File data that travel without being copied on the way.
+struct FileData {
+    const U8* pSent = nullptr; // go behind the request's parameters, as the last of them
+    U32 u32Sent = 0;
+    U8* pReceived = nullptr; // where a success reply's data go that are no more than u32Room bytes
+    U32 u32Room = 0;
+};
+
 /// Sends the request whose record begins with the header at `pRequest`, with `u32ParameterLength`
-/// parameter bytes already in place behind its header, and receives the whole reply into Reply.
-/// Returns 0 whatever the reply's Result, or a negated local code.
-I32 transact(I32 s, REQUEST_HEADER* pRequest, U32 u32Opcode, U32 u32ParameterLength);
+/// parameter bytes already in place behind its header, and receives the whole reply into Reply, its
+/// data where `data` says. Returns 0 whatever the reply's Result, or a negated local code.
+I32 transact(I32 s, REQUEST_HEADER* pRequest, U32 u32Opcode, U32 u32ParameterLength,
+             const FileData& data = {});
 
 /// As transact; then takes the reply's Result: 0, or the server's error.
-I32 exchange(I32 s, REQUEST_HEADER* pRequest, U32 u32Opcode, U32 u32ParameterLength);
+I32 exchange(I32 s, REQUEST_HEADER* pRequest, U32 u32Opcode, U32 u32ParameterLength,
+             const FileData& data = {});
 
 /// Records local code `u32Code` with the current errno, and returns it negated.
 I32 localFailure(U32 u32Code);

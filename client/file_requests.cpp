@@ -38,33 +38,39 @@ static I32 prepareTransfer(I32 s, const void* byteBuffer) {
     return 0;
 }
 
-/// Reads in requests of at most `limit` bytes: `ask(done, amount)` exchanges the one for `amount`
-/// bytes behind the first `done`. Returns the bytes read; a reply of fewer than asked ends it.
+/// Reads in requests of at most `limit` bytes: `ask(done, data)` exchanges the one for the bytes
+/// that `data` has room for, behind the first `done`. Returns the bytes read; a reply of fewer than
+/// asked ends it.
 template<class Ask>
 static I32 readInRequests(void* pTarget, U32 nBytesToRead, U32 limit, const Ask& ask) {
     for (U32 done = 0;;) {
         const U32 amount = std::min(limit, nBytesToRead - done);
-        const I32 rc = ask(done, amount);
+        FileData data;
+        data.pReceived = static_cast<U8*>(pTarget) + done;
+        data.u32Room = amount;
+        const I32 rc = ask(done, data);
         if (rc < 0)
             return rc;
         const U32 received = Reply.Header.Result_Length;
         if (received > amount)
             return localFailure(LOCAL_WRONG_LENGTH);
-        std::memcpy(static_cast<U8*>(pTarget) + done, Reply.Padding, received);
         done += received;
         if (received < amount || done >= nBytesToRead)
             return static_cast<I32>(done);
     }
 }
 
-/// Writes in requests of at most `limit` bytes: `ask(pData, done, amount)` exchanges the
-/// one for the `amount` bytes at `pData`, behind the first `done`. Returns the bytes written.
+/// Writes in requests of at most `limit` bytes: `ask(done, data)` exchanges the one that sends
+/// `data`, behind the first `done`. Returns the bytes written.
 template<class Ask>
 static I32 writeInRequests(const void* pSource, U32 nBytesToWrite, U32 limit, const Ask& ask) {
     U32 done = 0;
     do {
         const U32 amount = std::min(limit, nBytesToWrite - done);
-        const I32 rc = ask(static_cast<const U8*>(pSource) + done, done, amount);
+        FileData data;
+        data.pSent = static_cast<const U8*>(pSource) + done;
+        data.u32Sent = amount;
+        const I32 rc = ask(done, data);
         if (rc < 0)
             return rc;
         done += amount;
@@ -76,10 +82,10 @@ I32 managerFileRead(I32 s, U32 filePosition, void* byteBuffer, U32 nBytesToRead,
     const I32 rc = prepareTransfer(s, byteBuffer);
     if (rc < 0)
         return rc;
-    const auto ask = [&](U32 done, U32 amount) {
+    const auto ask = [&](U32 done, const FileData& data) {
         putNumber(&Request2Param.P1, filePosition + done);
-        putNumber(&Request2Param.P2, amount);
-        return exchange(s, &Request2Param.Header, REQUEST_FILE_READ, sizeof(READ_PARAMETERS));
+        putNumber(&Request2Param.P2, data.u32Room);
+        return exchange(s, &Request2Param.Header, REQUEST_FILE_READ, sizeof(READ_PARAMETERS), data);
     };
     return readInRequests(static_cast<U8*>(byteBuffer) + bufferOffset, nBytesToRead,
                           ManagerDataLimit, ask);
@@ -90,12 +96,11 @@ I32 managerFileWrite(I32 s, U32 filePosition, const void* byteBuffer, U32 nBytes
     const I32 rc = prepareTransfer(s, byteBuffer);
     if (rc < 0)
         return rc;
-    const auto ask = [&](const U8* pData, U32 done, U32 amount) {
+    const auto ask = [&](U32 done, const FileData& data) {
         putNumber(&Request2Param.P1, filePosition + done);
-        putNumber(&Request2Param.P2, amount);
-        std::memcpy(Request2Param.Padding, pData, amount);
-        return exchange(s, &Request2Param.Header, REQUEST_FILE_WRITE,
-                        static_cast<U32>(sizeof(WRITE_PARAMETERS)) + amount);
+        putNumber(&Request2Param.P2, data.u32Sent);
+        return exchange(s, &Request2Param.Header, REQUEST_FILE_WRITE, sizeof(WRITE_PARAMETERS),
+                        data);
     };
     return writeInRequests(static_cast<const U8*>(byteBuffer) + bufferOffset, nBytesToWrite,
                            ManagerDataLimit, ask);
@@ -116,10 +121,10 @@ I32 manager16GbFileRead(I32 s, U32 highOffset, U32 lowOffset, void* byteBuffer, 
     if (rc < 0)
         return rc;
     PADDED_REQUEST_3PARAMETER request3Param; // not cleared: only its header and numbers are sent
-    const auto ask = [&](U32 done, U32 amount) {
-        putRange(&request3Param, highOffset, lowOffset, done, amount);
+    const auto ask = [&](U32 done, const FileData& data) {
+        putRange(&request3Param, highOffset, lowOffset, done, data.u32Room);
         return exchange(s, &request3Param.Header, REQUEST_16GB_FILE_READ,
-                        sizeof(READ_16GB_PARAMETERS));
+                        sizeof(READ_16GB_PARAMETERS), data);
     };
     // A limit of 1 is no limit here: the whole remainder is asked for at once.
     const U32 limit = ManagerDataLimit != 1 ? ManagerDataLimit : UINT32_MAX;
@@ -131,12 +136,11 @@ I32 manager16GbFileWrite(I32 s, U32 highOffset, U32 lowOffset, const void* byteB
     const I32 rc = prepareTransfer(s, byteBuffer);
     if (rc < 0)
         return rc;
-    PADDED_REQUEST_3PARAMETER request3Param; // not cleared: only what is filled in is sent
-    const auto ask = [&](const U8* pData, U32 done, U32 amount) {
-        putRange(&request3Param, highOffset, lowOffset, done, amount);
-        std::memcpy(request3Param.Padding, pData, amount);
+    PADDED_REQUEST_3PARAMETER request3Param; // not cleared: only its header and numbers are sent
+    const auto ask = [&](U32 done, const FileData& data) {
+        putRange(&request3Param, highOffset, lowOffset, done, data.u32Sent);
         return exchange(s, &request3Param.Header, REQUEST_16GB_FILE_WRITE,
-                        static_cast<U32>(sizeof(WRITE_16GB_PARAMETERS)) + amount);
+                        sizeof(WRITE_16GB_PARAMETERS), data);
     };
     return writeInRequests(static_cast<const U8*>(byteBuffer) + bufferOffset, nBytesToWrite,
                            ManagerDataLimit, ask);

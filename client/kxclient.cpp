@@ -86,25 +86,34 @@ U32 padLengthFor(U32) {
 }
 
 /// Sends the request at `pRequest`. Returns 0 or a negated local code.
-static I32 sendRequest(I32 s, REQUEST_HEADER* pRequest, U32 u32Opcode, U32 u32ParameterLength) {
+static I32 sendRequest(I32 s, REQUEST_HEADER* pRequest, U32 u32Opcode, U32 u32ParameterLength,
+                       const FileData& data) {
     if (!holdsSocket(s)) {
         errno = EBADF;
         return localFailure(LOCAL_NOT_SENT);
     }
-    const U32 u32PadLength = padLengthFor(u32ParameterLength);
+    const U32 u32AllLength = u32ParameterLength + data.u32Sent;
+    const U32 u32PadLength = padLengthFor(u32AllLength);
     pRequest->Opcode = socketHtoNL(u32Opcode);
     pRequest->Pad_Length = socketHtoNL(u32PadLength);
-    pRequest->Parameter_Length = socketHtoNL(u32ParameterLength);
-    const std::size_t length = sizeof *pRequest + u32ParameterLength + u32PadLength;
-    if (socketSendBuffer(s, pRequest, static_cast<I32>(length)) < 0)
-        return loseConnection(s, LOCAL_NOT_SENT);
-    return 0;
+    pRequest->Parameter_Length = socketHtoNL(u32AllLength);
+    const I32 length = static_cast<I32>(sizeof *pRequest + u32ParameterLength + u32PadLength);
+    const I32 rc = data.u32Sent == 0 ? socketSendBuffer(s, pRequest, length)
+                                     : socketSendBuffers(s, pRequest, length, data.pSent,
+                                                         static_cast<I32>(data.u32Sent));
+    return rc < 0 ? loseConnection(s, LOCAL_NOT_SENT) : 0;
 }
 
-/// Receives a whole reply into Reply. Returns 0 or a negated local code.
-static I32 receiveReply(I32 s) {
+static bool receiveAll(I32 s, void* pTarget, U32 u32Length) {
+    const I32 length = static_cast<I32>(u32Length);
+    return socketReceiveBuffer(s, pTarget, length) == length;
+}
+
+/// Receives a whole reply into Reply, or its data where `data` says. Returns 0 or a negated local
+/// code.
+static I32 receiveReply(I32 s, const FileData& data) {
     REPLY_HEADER& header = Reply.Header;
-    if (socketReceiveBuffer(s, &header, sizeof header) != sizeof header)
+    if (!receiveAll(s, &header, sizeof header))
         return loseConnection(s, LOCAL_HEADER_NOT_RECEIVED);
     header.Result = static_cast<I32>(socketNtoHL(static_cast<U32>(header.Result)));
     header.Result_Length = socketNtoHL(header.Result_Length);
@@ -113,16 +122,18 @@ static I32 receiveReply(I32 s) {
     const U64 u64Length = U64{header.Result_Length} + header.Pad_Length;
     if (u64Length > MAX_REPLY_DATA)
         return loseConnection(s, LOCAL_REPLY_TOO_LONG);
-    const I32 length = static_cast<I32>(u64Length);
+    const bool fTheirs = header.Result == 0 && header.Result_Length <= data.u32Room;
     // Fewer bytes than announced are a failure too: behind them the area holds an older reply.
-    if (socketReceiveBuffer(s, Reply.Padding, length) != length)
+    if (!receiveAll(s, fTheirs ? data.pReceived : Reply.Padding, header.Result_Length) ||
+        !receiveAll(s, Reply.Padding + header.Result_Length, header.Pad_Length))
         return loseConnection(s, LOCAL_DATA_NOT_RECEIVED);
     return 0;
 }
 
-I32 transact(I32 s, REQUEST_HEADER* pRequest, U32 u32Opcode, U32 u32ParameterLength) {
-    const I32 rc = sendRequest(s, pRequest, u32Opcode, u32ParameterLength);
-    return rc < 0 ? rc : receiveReply(s);
+I32 transact(I32 s, REQUEST_HEADER* pRequest, U32 u32Opcode, U32 u32ParameterLength,
+             const FileData& data) {
+    const I32 rc = sendRequest(s, pRequest, u32Opcode, u32ParameterLength, data);
+    return rc < 0 ? rc : receiveReply(s, data);
 }
 
 /// Records an error that the server reported in Reply, and returns the operation's result.
@@ -143,8 +154,9 @@ static I32 takeResult() {
     return result;
 }
 
-I32 exchange(I32 s, REQUEST_HEADER* pRequest, U32 u32Opcode, U32 u32ParameterLength) {
-    const I32 rc = transact(s, pRequest, u32Opcode, u32ParameterLength);
+I32 exchange(I32 s, REQUEST_HEADER* pRequest, U32 u32Opcode, U32 u32ParameterLength,
+             const FileData& data) {
+    const I32 rc = transact(s, pRequest, u32Opcode, u32ParameterLength, data);
     return rc < 0 ? rc : takeResult();
 }
 

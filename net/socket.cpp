@@ -85,6 +85,28 @@ I32 socketSendBuffer(I32 iSock, const void* pb, I32 ic) {
     return sent;
 }
 
+I32 socketSendBuffers(I32 iSock, const void* pb, I32 ic, const void* pbMore, I32 icMore) {
+    iovec parts[] = {{const_cast<void*>(pb), static_cast<std::size_t>(ic)},
+                     {const_cast<void*>(pbMore), static_cast<std::size_t>(icMore)}};
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = std::size(parts);
+    const ssize_t n = sendmsg(iSock, &message, MSG_NOSIGNAL);
+    if (n < 0)
+        return -errno;
+    // What a signal kept back goes after it.
+    I32 sent = static_cast<I32>(n);
+    if (sent < ic) {
+        const I32 rc = socketSendBuffer(iSock, static_cast<const char*>(pb) + sent, ic - sent);
+        if (rc < 0)
+            return rc;
+        sent = ic;
+    }
+    const I32 rc =
+        socketSendBuffer(iSock, static_cast<const char*>(pbMore) + (sent - ic), ic + icMore - sent);
+    return rc < 0 ? rc : ic + icMore;
+}
+
 I32 socketReceiveBuffer(I32 iSock, void* pb, I32 ic) {
     I32 received = 0;
     while (received < ic) {

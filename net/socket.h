@@ -36,6 +36,10 @@ I32 socketConnectToHost(const char* host, U32 port);
 /// gone is -EPIPE, never a signal. The descriptor stays open.
 I32 socketSendBuffer(I32 iSock, const void* pb, I32 ic);
 
+/// As socketSendBuffer, for all `ic` bytes at `pb` and behind them all `icMore` at `pbMore`, in one
+/// call of the system. Returns the sum of both.
+I32 socketSendBuffers(I32 iSock, const void* pb, I32 ic, const void* pbMore, I32 icMore);
+
 /// Receives `ic` bytes into `pb`. Returns `ic`, fewer when the peer closed first, 0 when `ic` is 0
 /// or less, or -errno. The descriptor stays open.
 I32 socketReceiveBuffer(I32 iSock, void* pb, I32 ic);

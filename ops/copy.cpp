@@ -9,6 +9,12 @@
 
 static constexpr std::size_t TRANSFER_BUFFER_SIZE = 0x40000;
 
+/// Where in the buffer the chunk lies. The allocator's place, a few bytes behind the beginning of a
+/// page, is like that of the data in the kernel's buffers, and processors that compare addresses
+/// within a page only then take the one copy for an overlapping one: half a page away the copies to
+/// and from the kernel take a third less time (scripts/bench.sh, system time of copy).
+static constexpr std::size_t CHUNK_OFFSET = 2048;
+
 /// Progress is shown at positions whose low half is a multiple of this.
 static constexpr U32 PROGRESS_STEP = 16384;
 
@@ -67,7 +73,7 @@ static I32 copyDataUsingKXSRV(I32 ss, I32 ds) {
         displayConsoleMessage("Error allocating transfer buffer.");
         return -1;
     }
-    const I32 rc = transfer(ss, ds, buffer, maxAmt);
+    const I32 rc = transfer(ss, ds, buffer + CHUNK_OFFSET, maxAmt);
     std::free(buffer);
     return rc;
 }
