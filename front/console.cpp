@@ -28,7 +28,7 @@ void displayEmptyLine() {
 }
 
 void displayInAnyMode(const char* pszMessage) {
-    std::puts(pszMessage);
+    std::fprintf(stdout, "%s\n", pszMessage);
     std::fflush(stdout);
 }
 
@@ -90,10 +90,16 @@ int isValidNumber(const char* str, int size) {
 }
 
 int parseAndPrintBuffer(const char* buffer, std::size_t size) {
-    for (const char* psz = buffer; psz < buffer + size && *psz != '\0'; ++psz) {
-        if (*psz == '\n')
-            std::putchar('\r');
-        std::putchar(*psz);
+    const char* const pszEnd = buffer + strnlen(buffer, size);
+    for (const char* psz = buffer; psz < pszEnd;) {
+        const auto length = static_cast<std::size_t>(pszEnd - psz);
+        const void* const pLineFeed = std::memchr(psz, '\n', length);
+        const char* const pszLineEnd =
+            pLineFeed != nullptr ? static_cast<const char*>(pLineFeed) : pszEnd;
+        std::fwrite(psz, 1, static_cast<std::size_t>(pszLineEnd - psz), stdout);
+        if (pLineFeed != nullptr)
+            std::fputs("\r\n", stdout);
+        psz = pszLineEnd + (pLineFeed != nullptr);
     }
     return 0;
 }

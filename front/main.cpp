@@ -13,9 +13,9 @@
 /// keep the kernel from handing the dump to a program that collects them.
 static void leaveNoCore() {
     rlimit limit;
-    if (getrlimit(RLIMIT_CORE, &limit) == 0) {
+    if (prlimit(0, RLIMIT_CORE, nullptr, &limit) == 0) {
         limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 1);
-        setrlimit(RLIMIT_CORE, &limit);
+        prlimit(0, RLIMIT_CORE, &limit, nullptr);
     }
 }
 

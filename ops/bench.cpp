@@ -3,6 +3,7 @@
 #include "front/settings.h"
 #include "ops/ops.h"
 
+#include <cerrno>
 #include <sys/time.h>
 
 /// The scratch data: blocks behind the place of a repository header.
@@ -29,7 +30,7 @@ static std::FILE* openResults(const char* benchLog) {
     if (benchLog[0] != '\0') {
         hf = std::fopen(benchLog, "w+");
         if (hf == nullptr)
-            std::perror("open");
+            std::fprintf(stderr, "open: %s\n", std::strerror(errno));
     }
     if (hf == nullptr) {
         displayConsoleMessage("Error creating log file.");

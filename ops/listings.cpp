@@ -3,6 +3,8 @@
 #include "front/settings.h"
 #include "ops/ops.h"
 
+// The buffers for texts are clear from the program's start, at no cost; a run shows only one.
+
 static void openFrame() {
     displayEmptyLine();
     displayConsoleMessage("%s", Separator);
@@ -13,7 +15,7 @@ static void printText(const GETSTATS_BUFFER& text) {
 }
 
 static void getStats(CONNECT_PARAMS* pcp) {
-    GETSTATS_BUFFER stats{};
+    static GETSTATS_BUFFER stats;
     openFrame();
     if (managerGetKXSRVStats(pcp->s, stats.pszStatsBuffer) != 0) {
         displayConsoleMessage("Failed receiving statistics.");
@@ -24,7 +26,7 @@ static void getStats(CONNECT_PARAMS* pcp) {
 }
 
 static void getList(CONNECT_PARAMS* pcp) {
-    GETSTATS_BUFFER connInfo{};
+    static GETSTATS_BUFFER connInfo;
     openFrame();
     if (managerGetConnectionList(pcp->s, connInfo.pszStatsBuffer) < 0) {
         displayConsoleMessage("Could not get connection list on %s.", pcp->host);
@@ -37,7 +39,7 @@ static void getList(CONNECT_PARAMS* pcp) {
 /// A text about one connection, `pszWhat` in the message when there is none.
 static void getConnText(I32 s, U32 conn, I32 (*request)(I32, U32, char*), const char* pszWhat) {
     openFrame();
-    GETSTATS_BUFFER connInfo{};
+    static GETSTATS_BUFFER connInfo;
     if (request(s, conn, connInfo.pszStatsBuffer) != 0) {
         displayConsoleMessage("Connection %d is not active, could not get %s.",
                               static_cast<int>(conn), pszWhat);
@@ -71,6 +73,6 @@ I32 OperationList(CONNECT_PARAMS* pcp, char listcommand, U16 connNum) {
 }
 
 I32 activeConnections(CONNECT_PARAMS* pcp) {
-    GETSTATS_BUFFER connInfo{};
+    static GETSTATS_BUFFER connInfo;
     return std::max(managerGetConnectionList(pcp->s, connInfo.pszStatsBuffer), 0);
 }

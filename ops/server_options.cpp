@@ -6,7 +6,7 @@
 static constexpr int HIGHEST_LOG_LEVEL = 3;
 
 static void getOptions(CONNECT_PARAMS* pcp) {
-    char opt[MAX_REPLY_DATA] = "";
+    static char opt[MAX_REPLY_DATA]; // clear from the start; a run shows one text
     if (managerGetOptions(pcp->s, opt) < 0) {
         displayConsoleMessage("Error retrieving KXSRV options.");
         return;

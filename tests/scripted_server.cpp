@@ -51,13 +51,23 @@ static I32 listenAt(const std::string& host, U16* pPort) {
     return s;
 }
 
+/// As listenAt, at a port that the other host of a copy has free as well.
+static I32 listenAtFreePort(const std::string& host, U16* pPort) {
+    for (;;) {
+        const I32 s = listenAt(host, &(*pPort = 0)), other = listenAt("127.0.0.2", pPort);
+        socketClose(other >= 0 ? other : s);
+        if (other >= 0)
+            return s;
+    }
+}
+
 ScriptedServer::ScriptedServer(const std::string& serverName, ScriptedServer* pFirst)
     : name(serverName), pTrace(pFirst != nullptr ? pFirst->pTrace : &ownTrace) {
     if (pFirst != nullptr) {
         host = "127.0.0.2";
         port = pFirst->port;
     }
-    listener = listenAt(host, &port);
+    listener = pFirst != nullptr ? listenAt(host, &port) : listenAtFreePort(host, &port);
     if (listener < 0) {
         std::fprintf(stderr, "no port for the scripted server at %s:%d\n", host.c_str(), port);
         std::abort();
