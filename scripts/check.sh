@@ -1,15 +1,16 @@
 #!/usr/bin/env bash
 # Builds everything with the sanitizers and passes the tests; fails on unformatted code, on any
-# warning of either compiler or of static analysis, and on a release that is not hardened. Installs
+# warning of either compiler, of static analysis or about a manual page, and on a release that is not hardened. Installs
 # what is missing.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/need.sh
-need g++ clang clang-format clang-tidy cppcheck cmake make libgtest-dev binutils
+need g++ clang clang-format clang-tidy cppcheck cmake make libgtest-dev binutils mandoc
 
 echo "== Format"
 find front net client ops sandbox tests fuzz -name '*.cpp' -o -name '*.h' | sort |
     xargs clang-format --dry-run -Werror
+mandoc -T lint -W warning docs/*.1
 
 echo "== Releases of both compilers, hardened"
 cmake --preset release >/dev/null
