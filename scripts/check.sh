@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds everything with the sanitizers and passes the tests; fails on unformatted code, on any
-# warning of either compiler, of static analysis or about a manual page, and on a release that is not hardened. Installs
-# what is missing.
+# warning of either compiler, of static analysis or about a manual page, and on a release that is not
+# hardened. Installs what is missing.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/need.sh
