@@ -1,0 +1,43 @@
+# Completion of kxadmin and kxadmin-strict for fish. Asks no server.
+
+# Whether the command is one of the arguments.
+function __kxadmin_in
+    set -l words (commandline -opc)
+    test (count $words) -ge 2; and contains -- $words[2] $argv
+end
+
+for program in kxadmin kxadmin-strict
+    complete -c $program -f
+    set -l word complete -c $program -n 'test (count (commandline -opc)) -eq 1' -a
+    $word stat -d 'Display server statistics'
+    $word opts -d 'Display server options or set the logging level'
+    $word list -d 'List the server connections'
+    $word stop -d 'Stop the server or end a connection'
+    $word copy -d 'Copy a repository'
+    $word test -d 'Test a repository on the server'
+    $word bench -d 'Measure reads'
+    $word help -d 'Display the usage text'
+
+    set -l modifier complete -c $program -n
+    $modifier '__kxadmin_in stat opts list stop copy test bench' -s P -x -d 'Port'
+    $modifier '__kxadmin_in stat opts list stop copy test bench' -s h -d 'Usage text'
+    $modifier '__kxadmin_in opts' -s s -x -a '0\tInformation 1\tWarning 2\tError 3\tDebug' -d 'Set the logging level'
+    $modifier '__kxadmin_in opts stop copy' -s p -d Password
+    $modifier '__kxadmin_in list' -s s -x -d 'Statistics of a connection'
+    $modifier '__kxadmin_in list' -s l -x -d 'Locks of a connection'
+    $modifier '__kxadmin_in stop' -s k -x -d 'End a connection'
+    $modifier '__kxadmin_in stop' -s Z -x -a 100 -d 'Do not ask about connections'
+    $modifier '__kxadmin_in copy' -s f -x -a '(__fish_complete_command)' -d 'System command'
+    $modifier '__kxadmin_in copy' -s o -d Overwrite
+    $modifier '__kxadmin_in copy' -s q -d Quiet
+    $modifier '__kxadmin_in copy' -s b -d 'Do not check the free space'
+    $modifier '__kxadmin_in copy' -s Z -x -a 99 -d 'Do not check the free space'
+    $modifier '__kxadmin_in test' -s r -x -d Repository
+    $modifier '__kxadmin_in test' -s f -r -F -d 'Report file'
+    $modifier '__kxadmin_in bench' -s c -x -d 'Largest read in bytes'
+    $modifier '__kxadmin_in bench' -s s -x -d 'Bytes read of each size'
+    $modifier '__kxadmin_in bench' -s t -x -d 'Scratch file on the server'
+    $modifier '__kxadmin_in bench' -s l -r -F -d 'Results file'
+    $modifier '__kxadmin_in stat opts list stop test bench' -a '(__fish_print_hostnames) localhost' -d Host
+    $modifier '__kxadmin_in copy' -a '(__fish_print_hostnames): localhost:' -d Host
+end
