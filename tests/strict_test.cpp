@@ -159,8 +159,8 @@ TEST(Strict, TellsHowACommandEnded) {
         const std::string script = "cd " + scratch.directory + "; rm -f new; exec " + strict + " ";
         const Outcome outcome = runProgram(
             KXSANDBOX_PROGRAM,
-            {"-d", scratch.directory, "-p", "pw", "--", "sh", "-c", script + row.command}, {},
-            row.input);
+            {"-d", scratch.directory, "-p", "pw", "--", "sh", "-c", script + row.command},
+            {{"TMPDIR", scratch.directory}}, row.input);
         EXPECT_EQ(outcome.status, row.status) << outcome.out << outcome.err;
     }
     for (const auto& entry : std::filesystem::directory_iterator(scratch.directory))
