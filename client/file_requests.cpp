@@ -120,7 +120,7 @@ I32 manager16GbFileRead(I32 s, U32 highOffset, U32 lowOffset, void* byteBuffer, 
     const I32 rc = prepareTransfer(s, byteBuffer);
     if (rc < 0)
         return rc;
-    PADDED_REQUEST_3PARAMETER request3Param; // not cleared: only its header and numbers are sent
+    static PADDED_REQUEST_3PARAMETER request3Param; // on the stack each call would probe all of it
     const auto ask = [&](U32 done, const FileData& data) {
         putRange(&request3Param, highOffset, lowOffset, done, data.u32Room);
         return exchange(s, &request3Param.Header, REQUEST_16GB_FILE_READ,
@@ -136,7 +136,7 @@ I32 manager16GbFileWrite(I32 s, U32 highOffset, U32 lowOffset, const void* byteB
     const I32 rc = prepareTransfer(s, byteBuffer);
     if (rc < 0)
         return rc;
-    PADDED_REQUEST_3PARAMETER request3Param; // not cleared: only its header and numbers are sent
+    static PADDED_REQUEST_3PARAMETER request3Param; // on the stack each call would probe all of it
     const auto ask = [&](U32 done, const FileData& data) {
         putRange(&request3Param, highOffset, lowOffset, done, data.u32Sent);
         return exchange(s, &request3Param.Header, REQUEST_16GB_FILE_WRITE,
