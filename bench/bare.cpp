@@ -79,7 +79,7 @@ static uint32_t number(const char* pBytes) {
 static int connectTo(const char* host, const char* port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(std::atoi(port)));
+    address.sin_port = htons(static_cast<uint16_t>(std::strtol(port, nullptr, 10)));
     address.sin_addr.s_addr = inet_addr(host);
     const int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int iOn = 1;

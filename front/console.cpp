@@ -89,18 +89,20 @@ int isValidNumber(const char* str, int size) {
     return 0;
 }
 
+static void print(const char* pBegin, const char* pEnd) {
+    std::fwrite(pBegin, 1, static_cast<std::size_t>(pEnd - pBegin), stdout);
+}
+
 int parseAndPrintBuffer(const char* buffer, std::size_t size) {
-    const char* const pszEnd = buffer + strnlen(buffer, size);
-    for (const char* psz = buffer; psz < pszEnd;) {
-        const auto length = static_cast<std::size_t>(pszEnd - psz);
-        const void* const pLineFeed = std::memchr(psz, '\n', length);
-        const char* const pszLineEnd =
-            pLineFeed != nullptr ? static_cast<const char*>(pLineFeed) : pszEnd;
-        std::fwrite(psz, 1, static_cast<std::size_t>(pszLineEnd - psz), stdout);
-        if (pLineFeed != nullptr)
-            std::fputs("\r\n", stdout);
-        psz = pszLineEnd + (pLineFeed != nullptr);
+    const char* const pEnd = buffer + strnlen(buffer, size);
+    const char* pLine = buffer;
+    while (const void* p = std::memchr(pLine, '\n', static_cast<std::size_t>(pEnd - pLine))) {
+        const char* const pLineFeed = static_cast<const char*>(p);
+        print(pLine, pLineFeed);
+        std::fputs("\r\n", stdout);
+        pLine = pLineFeed + 1;
     }
+    print(pLine, pEnd);
     return 0;
 }
 

@@ -8,15 +8,15 @@ cd "$(dirname "$0")/.."
 need g++ clang clang-format clang-tidy cppcheck cmake make libgtest-dev binutils mandoc
 
 echo "== Format"
-find front net client ops sandbox tests fuzz -name '*.cpp' -o -name '*.h' | sort |
+find front net client ops sandbox bench tests fuzz -name '*.cpp' -o -name '*.h' | sort |
     xargs clang-format --dry-run -Werror
 mandoc -T lint -W warning docs/*.1
 
 echo "== Releases of both compilers, hardened"
 cmake --preset release >/dev/null
-cmake --build --preset release --parallel "$(nproc)" --target kxadmin kxsandbox
+cmake --build --preset release --parallel "$(nproc)" --target kxadmin kxsandbox bare
 cmake --preset clang >/dev/null
-cmake --build --preset clang --parallel "$(nproc)"
+cmake --build --preset clang --parallel "$(nproc)" --target all bare
 for build in build build-clang; do
     ctest --test-dir "$build" --quiet --no-tests=error -R '^Hardened$'
 done
@@ -27,8 +27,8 @@ echo "== Static analysis"
 # destruction is the point.
 cppcheck --std=c++20 --language=c++ --enable=warning,style,performance,portability --quiet \
     --suppress=missingIncludeSystem --suppress=useStlAlgorithm --suppress=unreadVariable \
-    --error-exitcode=1 -I. front net client ops sandbox
-find front net client ops sandbox -name '*.cpp' -print0 |
+    --error-exitcode=1 -I. front net client ops sandbox bench
+find front net client ops sandbox bench -name '*.cpp' -print0 |
     xargs -0 -P "$(nproc)" -n 1 clang-tidy --quiet -p build-clang
 
 echo "== GCC with address and undefined behaviour sanitizers"
