@@ -26,11 +26,9 @@ foreach(component kxadmin kxsandbox)
   configure_file(packaging/lintian-overrides.in ${PACKAGING}/overrides/${component} @ONLY)
   install(FILES ${PACKAGING}/overrides/${component}
           DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides COMPONENT ${component})
-  if(EXISTS ${PROJECT_SOURCE_DIR}/docs/${component}.1)
-    pack(${PROJECT_SOURCE_DIR}/docs/${component}.1 ${component}.1)
-    install(FILES ${PACKAGING}/${component}.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
-            COMPONENT ${component})
-  endif()
+  pack(${PROJECT_SOURCE_DIR}/docs/${component}.1 ${component}.1)
+  install(FILES ${PACKAGING}/${component}.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+          COMPONENT ${component})
 endforeach()
 
 install(PROGRAMS tools/kxadmin-strict DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT kxadmin)
@@ -49,11 +47,9 @@ install(FILES completion/_kxadmin DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendo
 file(GLOB PAGES CONFIGURE_DEPENDS docs/*.md)
 install(FILES README.md ${PAGES} DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kxadmin
         COMPONENT kxadmin)
-if(EXISTS ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
-  pack(${PROJECT_SOURCE_DIR}/CHANGELOG.md changelog)
-  install(FILES ${PACKAGING}/changelog.gz DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kxadmin
-          COMPONENT kxadmin)
-endif()
+pack(${PROJECT_SOURCE_DIR}/CHANGELOG.md changelog)
+install(FILES ${PACKAGING}/changelog.gz DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kxadmin
+        COMPONENT kxadmin)
 
 get_property(PACKED GLOBAL PROPERTY PACKED)
 add_custom_target(packed ALL DEPENDS ${PACKED})

@@ -18,8 +18,13 @@ cmake --build build-package --parallel "$(nproc)"
 }
 packages=(build-package/kxadmin_*.deb build-package/kxsandbox_*.deb)
 ls -l "${packages[@]}"
-for page in kxadmin kxadmin-strict; do
-    dpkg -c "${packages[0]}" | grep "/man1/$page\.1\.gz" >/dev/null || echo "The page $page(1) is missing"
+for page in kxadmin kxadmin-strict kxsandbox; do
+    for package in "${packages[@]}"; do
+        dpkg -c "$package"
+    done | grep -F "/man1/$page.1.gz" >/dev/null || {
+        echo "The page $page(1) is missing"
+        exit 1
+    }
 done
 
 echo "== lintian"
