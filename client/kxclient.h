@@ -112,7 +112,7 @@ I32 managerFileOpen(const char* fileName, U16 accessMode, I32 s);
 /// Creates the file and closes it again.
 I32 managerFileCreate(const char* fileName, I32 s);
 I32 managerFileClose(I32 s);
-/// Bytes read, fewer than asked at the end of the file.
+/// Bytes read, fewer than asked at the end of the file. After a failure the buffer holds anything.
 I32 managerFileRead(I32 s, U32 filePosition, void* byteBuffer, U32 nBytesToRead, U32 bufferOffset);
 I32 manager16GbFileRead(I32 s, U32 highOffset, U32 lowOffset, void* byteBuffer, U32 nBytesToRead,
                         U32 bufferOffset);

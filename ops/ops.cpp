@@ -44,7 +44,7 @@ static U32 promptForPassword(PasswordStruct* passwd) {
     std::fflush(stdout);
     setTerminalEcho(false);
     char junk[512];
-    const std::size_t length = readLine(junk);
+    const std::size_t length = strnlen(junk, readLine(junk)); // a password ends at a NUL
     storeCutText(passwd->name, junk, length);
     explicit_bzero(junk, sizeof junk);
     std::fputs("\n\n", stdout);
