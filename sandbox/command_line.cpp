@@ -90,8 +90,11 @@ static bool takeOption(int iOption, Options& options) {
     }
 }
 
+/// What the parser returns for the long options, or leaves in optopt when one has a value.
+enum LongOption { LONG_HELP = 256, LONG_VERSION };
+
 static void complainUnknown(char** argv) {
-    if (optopt != 0)
+    if (optopt != 0 && optopt < LONG_HELP)
         complain("unknown option -%c", optopt);
     else
         complain("unknown option %s", argv[optind - 1]);
@@ -119,14 +122,16 @@ static int usageError() {
 }
 
 int readCommandLine(int argc, char** argv, Options& options) {
-    static constexpr option LONG_OPTIONS[] = {
-        {"help", no_argument, nullptr, 'H'}, {"version", no_argument, nullptr, 'V'}, {}};
+    static constexpr option LONG_OPTIONS[] = {{"help", no_argument, nullptr, LONG_HELP},
+                                              {"version", no_argument, nullptr, LONG_VERSION},
+                                              {}};
     options.u32Port = 65536; // until it is known which default applies
     opterr = 0;
     int iNext = optind;
     for (int i; (i = getopt_long(argc, argv, "+:a:A:P:d:p:t:m:c:", LONG_OPTIONS, nullptr)) != -1;) {
-        if (i == 'H' || i == 'V') {
-            std::printf(i == 'H' ? "%s" : "kxsandbox (%s)\n", i == 'H' ? USAGE : VERSION_TEXT);
+        if (i == LONG_HELP || i == LONG_VERSION) {
+            std::printf(i == LONG_HELP ? "%s" : "kxsandbox (%s)\n",
+                        i == LONG_HELP ? USAGE : VERSION_TEXT);
             return 0;
         }
         if (i == '?')

@@ -293,6 +293,10 @@ static constexpr RequestKind KINDS[] = {
 };
 // clang-format on
 
+static_assert(std::all_of(std::begin(KINDS), std::end(KINDS),
+                          [](const auto& kind) { return kind.u32Code < CODE_LIMIT; }),
+              "the counters of state.h have no room for the code");
+
 static const RequestKind* findKind(U32 u32Code) {
     const auto pFound = std::find_if(std::begin(KINDS), std::end(KINDS),
                                      [=](const auto& kind) { return kind.u32Code == u32Code; });
