@@ -1,9 +1,11 @@
 # Completion of kxadmin and kxadmin-strict for fish. Asks no server.
 
-# Whether the command is one of the arguments.
+# Whether the command is one of the arguments, by the letters that the program knows it by.
 function __kxadmin_in
     set -l words (commandline -opc)
-    test (count $words) -ge 2; and contains -- $words[2] $argv
+    test (count $words) -ge 2; or return
+    set -l letters (string lower -- $words[2] | string match -r '^(?:sta|sto|cop|[olbt])')
+    and string match -q -- "$letters*" $argv
 end
 
 for program in kxadmin kxadmin-strict
@@ -22,7 +24,7 @@ for program in kxadmin kxadmin-strict
     $modifier '__kxadmin_in stat opts list stop copy test bench' -s P -x -d 'Port'
     $modifier '__kxadmin_in stat opts list stop copy test bench' -s h -d 'Usage text'
     $modifier '__kxadmin_in opts' -s s -x -a '0\tInformation 1\tWarning 2\tError 3\tDebug' -d 'Set the logging level'
-    $modifier '__kxadmin_in opts stop copy' -s p -d Password
+    $modifier '__kxadmin_in opts stop copy' -s p -x -d Password
     $modifier '__kxadmin_in list' -s s -x -d 'Statistics of a connection'
     $modifier '__kxadmin_in list' -s l -x -d 'Locks of a connection'
     $modifier '__kxadmin_in stop' -s k -x -d 'End a connection'
