@@ -25,7 +25,8 @@ foreach(component kxadmin kxsandbox)
           DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${component} COMPONENT ${component})
   configure_file(packaging/lintian-overrides.in ${PACKAGING}/overrides/${component} @ONLY)
   install(FILES ${PACKAGING}/overrides/${component}
-          DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides COMPONENT ${component})
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides
+          COMPONENT ${component} EXCLUDE_FROM_ALL) # in a package only
   pack(${PROJECT_SOURCE_DIR}/docs/${component}.1 ${component}.1)
   install(FILES ${PACKAGING}/${component}.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
           COMPONENT ${component})
@@ -41,8 +42,14 @@ install_link(kxadmin kxadmin-strict ${BASH_COMPLETIONS})
 set(FISH_COMPLETIONS ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
 install(FILES completion/kxadmin.fish DESTINATION ${FISH_COMPLETIONS} COMPONENT kxadmin)
 install_link(kxadmin.fish kxadmin-strict.fish ${FISH_COMPLETIONS})
-install(FILES completion/_kxadmin DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions
-        COMPONENT kxadmin)
+# Where zsh looks: below /usr, as in the package, and elsewhere.
+set(ZSH_VENDOR ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
+set(ZSH_SITE ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(ZSH_SITE ${ZSH_VENDOR})
+endif()
+install(FILES completion/_kxadmin DESTINATION ${ZSH_VENDOR} COMPONENT kxadmin EXCLUDE_FROM_ALL)
+install(FILES completion/_kxadmin DESTINATION ${ZSH_SITE} COMPONENT unpackaged)
 
 file(GLOB PAGES CONFIGURE_DEPENDS docs/*.md)
 install(FILES README.md ${PAGES} DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kxadmin
@@ -75,6 +82,7 @@ reads. kxadmin-strict does the same with an exit status that tells whether it
 was done.")
 set(CPACK_DEBIAN_KXADMIN_PACKAGE_SUGGESTS kxsandbox)
 set(CPACK_DEBIAN_KXSANDBOX_PACKAGE_NAME kxsandbox)
+set(CPACK_DEBIAN_KXSANDBOX_PACKAGE_RECOMMENDS kxadmin)
 set(CPACK_DEBIAN_KXSANDBOX_DESCRIPTION "small KXSRV repository server on loopback
 Serves the files below a directory to kxadmin on loopback addresses only, for
 trying out and testing. It can run one command and end with it.")
