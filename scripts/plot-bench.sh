@@ -91,7 +91,7 @@ cat >"$work/script" <<'END'
 n = ARG3 eq "" ? 1 : 2
 label(i) = n == 1 ? ARG2 : i == 1 ? "before: ".ARG2 : "after: ".ARG3
 file(i) = sprintf("%d", i)
-dot(i) = word("#b01f5fa8 #b0d1491b", i)
+dot(i) = word("#801f5fa8 #80d1491b", i)
 line(i) = word("#1f5fa8 #d1491b", i)
 
 if (ARG1 eq "png") {
@@ -100,11 +100,16 @@ if (ARG1 eq "png") {
     set terminal svg size 1200, 1000 dynamic fontscale 1.1 background "white"
 }
 set output "picture.".ARG1
-set multiplot layout 2, 1 margins char 11, char 3, char 4.5, char 3 spacing char 0, char 4
+greatest = 0
+do for [i=1:n] {
+    stats file(i) using 1 nooutput
+    greatest = greatest > STATS_max ? greatest : STATS_max
+}
+set multiplot layout 2, 1 margins char 11, char 3, char 4.5, char 3 spacing char 0, char 5
 set logscale x 2
 set xtics ("1" 1024, "1.5" 1536, "2" 2048, "3" 3072, "4" 4096, "6" 6144, "8" 8192, "12" 12288, \
     "16" 16384, "24" 24576, "32" 32768)
-set xrange [1000:*] noextend
+set xrange [1000:greatest * 1.03]
 set yrange [0:*]
 set border 3 lc rgb "#666666"
 set tics nomirror
@@ -112,12 +117,12 @@ set grid lt 1 lc rgb "#dddddd"
 set key top right noenhanced
 
 set title "kxadmin bench: 8 passes of ".ARG4." bytes, each size (dots) and mean around it (line)"
+set xlabel "request size (KiB)"
 set ylabel "time (ms)"
-plot for [i=1:n] file(i) using 1:2 with points pt 7 ps 0.4 lc rgb dot(i) notitle, \
+plot for [i=1:n] file(i) using 1:2 with points pt 7 ps 0.7 lc rgb dot(i) notitle, \
      for [i=1:n] file(i) using 1:3 with lines lw 2.5 lc rgb line(i) title label(i)
 
-set title "Throughput"
-set xlabel "request size (KiB)"
+unset title
 set ylabel "throughput (MB/s)"
 unset key
 plot for [i=1:n] file(i) using 1:4 with linespoints pt 7 ps 0.2 lw 2.5 lc rgb line(i)
