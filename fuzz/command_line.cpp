@@ -7,7 +7,7 @@
 #include "ops/ops.h"
 
 #include <clocale>
-#include <string>
+#include <sstream>
 #include <vector>
 
 /// In the place of connectToKxsrv.
@@ -22,20 +22,12 @@ std::FILE* openNothing(const char*) {
     return nullptr;
 }
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    std::setlocale(LC_ALL, "C.UTF-8");
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const U8* pInput, std::size_t size) {
+    std::setlocale(LC_ALL, "C.UTF-8");
+    std::istringstream input({reinterpret_cast<const char*>(pInput), size});
     std::vector<std::string> arguments{"kxadmin"};
-    for (std::size_t begin = 0; begin < size;) {
-        const std::string argument(
-            reinterpret_cast<const char*>(pInput) + begin,
-            strnlen(reinterpret_cast<const char*>(pInput) + begin, size - begin));
-        begin += argument.size() + 1;
+    for (std::string argument; std::getline(input, argument, '\0');)
         arguments.push_back(argument);
-    }
     if (arguments.size() < 2)
         return 0;
     std::vector<char*> argv;

@@ -1,10 +1,39 @@
-// Connecting: the greeting, the port and where it comes from, the attempts.
+// Connecting: the socket's options, the greeting, the port and where it comes from, the attempts.
 #include "client/kxclient.h"
+#include "net/socket.h"
 #include "tests/run_program.h"
 #include "tests/scratch.h"
 #include "tests/scripted_server.h"
 
 #include <gtest/gtest.h>
+
+#include <linux/tcp.h>
+#include <sys/socket.h>
+
+TEST(Connect, SetsItsSocketUp) {
+    const I32 listener = SocketSocket();
+    SocketListen(listener, 1); // at a port of the system's choice
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+    const U16 port = SocketNtoHS(address.sin_port);
+    const I32 s = socketConnectToHost("localhost", port), accepted = SocketAccept(listener);
+    // The kernel counts its own overhead in, by doubling.
+    for (const auto& [option, expected] :
+         {std::pair(SO_KEEPALIVE, 1), {SO_SNDBUF, 2 * 12288}, {SO_RCVBUF, 2 * 12288}}) {
+        int value = -1;
+        getsockopt(s, SOL_SOCKET, option, &value, &(length = sizeof value));
+        EXPECT_EQ(value, expected) << option;
+    }
+    // A window offered before the buffer shrank lets the server send what is then dropped.
+    tcp_info info{};
+    getsockopt(accepted, IPPROTO_TCP, TCP_INFO, &info, &(length = sizeof info));
+    EXPECT_LE(info.tcpi_snd_wnd, 2U * 12288);
+    for (const I32 each : {accepted, s, listener})
+        socketClose(each);
+    EXPECT_EQ(socketConnectToHost("127.0.0.1", port), -2);
+    EXPECT_EQ(socketConnectToHost("256.0.0.1", port), -4);
+}
 
 TEST(Connect, TakesTheGreeting) {
     const std::string id = be32(0xFFFFFFFF);
@@ -21,7 +50,8 @@ TEST(Connect, TakesTheGreeting) {
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << row.result << " " << row.codes);
         ScriptedServer server;
-        server.greeting = {row.greeting, row.greeting.size() < 4 ? Answer::CLOSE : Answer::GO_ON};
+        server.greetings[0] = {row.greeting,
+                               row.greeting.size() < 4 ? Answer::CLOSE : Answer::GO_ON};
         server.on(12, {row.address});
         CONNECT_PARAMS record{};
         record.host = "localhost";
@@ -42,7 +72,7 @@ TEST(Connect, RetriesUntilTheServerAppears) {
         "\rConnection to [127.0.0.2] port [" + port + "] failed.  Retrying [";
     TerminalRun run(KXADMIN_PROGRAM, {"opts", "127.0.0.2"}, {{"KXSRV_CTRL_PORT", port}});
     ASSERT_TRUE(run.waitFor("Retrying [29]"));
-    ScriptedServer server("", &elsewhere);
+    ScriptedServer server(INADDR_LOOPBACK + 1, elsewhere.port);
     EXPECT_EQ(run.finish(), 0);
     const std::string line = std::string(78, '=') + "\r\n";
     EXPECT_EQ(run.output.substr(run.output.find("C\r\n") + 3),
@@ -54,13 +84,14 @@ TEST(Connect, RetriesUntilTheServerAppears) {
 TEST(Connect, GivesUp) {
     ScriptedServer elsewhere; // so that nobody listens at its port here
     const Outcome outcome = runKxadmin({"stat", "127.0.0.3"}, elsewhere.port);
+    const std::string attempt = "\rConnection to [127.0.0.3] port [" +
+                                std::to_string(elsewhere.port) + "] failed.  Retrying [";
     std::string attempts;
     for (int left = 30; left > 0; --left)
-        attempts += "\rConnection to [127.0.0.3] port [" + std::to_string(elsewhere.port) +
-                    "] failed.  Retrying [" + std::to_string(left) + "]  ";
+        attempts += attempt + std::to_string(left) + "]  ";
     EXPECT_EQ(outcome.err, attempts + "\r" + std::string(63, ' ') + "\r");
-    EXPECT_EQ(outcome.out, std::string(banner) + "Unable to connecto to KXSRV at [127.0.0.3] or "
-                                                 "IP Address is unkown.\n");
+    EXPECT_EQ(outcome.out,
+              banner + "Unable to connecto to KXSRV at [127.0.0.3] or IP Address is unkown.\n");
     EXPECT_EQ(outcome.status, 0);
 }
 
@@ -72,6 +103,5 @@ TEST(Connect, ReportsToTheFileOfTestAndPrefersTheModifiersPort) {
     EXPECT_EQ(files.read("report"),
               "1\nCould not connect to an KXSRV on localhost:1. Ensure that you have the correct "
               "server address and port number and that KXSRV is running on that machine.\n");
-    EXPECT_EQ(outcome.out + outcome.err, "");
-    EXPECT_EQ(unused.codes(), "");
+    EXPECT_EQ(outcome.out + outcome.err + unused.codes(), "");
 }

@@ -1,7 +1,48 @@
-// copy: what it says on every way through, the requests to both servers, and what it copies.
+// copy: what it says on every way through, the requests to both servers, what it copies, the check
+// for room and the lock on the source. fault_test.cpp has the requests that fail.
 #include "tests/file_server.h"
 
 #include <gtest/gtest.h>
+#include <regex>
+
+namespace {
+
+/// "a.rep" on one host of a server and a volume for "b.rep" on the other.
+struct CopyScene {
+    explicit CopyScene(const std::string& file = repository(2000)) {
+        from.files["a.rep"] = file;
+        serveFiles(server, from, server.SOURCE);
+        serveFiles(server, to, server.DEST);
+    }
+    /// Copies; the output comes back without what was said before the two servers were known.
+    Outcome copy(const Arguments& modifiers, const std::string& input = "") {
+        Arguments arguments{"copy", "-p", "secret", "127.0.0.1:a.rep", "127.0.0.2:b.rep"};
+        arguments.insert(arguments.begin() + 1, modifiers.begin(), modifiers.end());
+        Outcome outcome = runKxadmin(arguments, server.port, input);
+        EXPECT_EQ(outcome.status, 0);
+        const std::string both =
+            "\nConnected to source server\n\nConnected to destination server\n\n";
+        outcome.out = behind(banner + both, outcome.out);
+        return outcome;
+    }
+    /// The trace from there on.
+    std::string codes() {
+        return behind("s12 s28 s9 s25 d12 d28 d9 d25 d10 ", server.codes());
+    }
+    static std::string behind(const std::string& begin, const std::string& text) {
+        return text.starts_with(begin) ? text.substr(begin.size()) : "begins otherwise: " + text;
+    }
+
+    Volume from, to;
+    ScriptedServer server{INADDR_ANY};
+};
+
+/// Replies to the end-of-file request, in units of 16 bytes.
+template<class... Counts> std::vector<Answer> units(Counts... counts) {
+    return {reply(0, be32(counts))...};
+}
+
+} // namespace
 
 static const std::string copying = "Copying 127.0.0.1:a.rep => 127.0.0.2:b.rep\n";
 static const std::string question = "WARNING: Destination file exists - overwrite (Y/N)?\n";
@@ -13,8 +54,6 @@ static const std::string locked = "Locked library of size 0:2000 bytes.\n";
 static const std::string unlocking = "\nUnlocking source.\n", bothLocks = locking + locked;
 static const std::string whole =
     bothLocks + unlocking + "\nRepository 127.0.0.1:a.rep copied to 127.0.0.2:b.rep.\n";
-static const std::string noDest = copying + "Destination path invalid or inaccessible";
-static const std::string noSource = "Source path invalid or inaccessible.\n";
 static const std::string invalid = "Source must be a valid repository file.\n";
 
 // The requests of the steps; 2000 bytes move in two chunks.
@@ -23,7 +62,6 @@ static const std::string created = begun + "d1 d7 d2 d1 ", room = created + "s32
 static const std::string locks = "s32 s47 s32 ", ended = "s48 s2 d2 d10 s10";
 static const std::string moved = locks + "s36 d39 s36 d39 " + ended, fresh = room + moved;
 static const std::string over = begun + "d1 d2 d1 s32 d26 " + moved;
-static const std::string toRead = room + locks + "s36 d39 s36 ";
 static const std::string byCommand = checked + "s1 " + locks + "s48 s2 s10";
 
 static const std::string byEcho =
@@ -31,7 +69,6 @@ static const std::string byEcho =
     unlocking + "\nRepository a.rep copied to b.rep using system command 'echo'.\n";
 
 TEST(Copy, EveryWay) {
-    setenv("KXADMIN", KXADMIN_PROGRAM, 1);
     // By default 2000 bytes are copied to a server without "b.rep".
     const struct {
         std::string file = repository(2000);
@@ -58,30 +95,14 @@ TEST(Copy, EveryWay) {
         // A source that is none.
         {.file = repository(255), .output = "Error reading source repository.\n" + invalid, .codes = "s1 s3 s2 s10"},
         {.file = "4320" + repository(2000), .output = "Source file not a valid repository.\n" + invalid, .codes = "s1 s3 s2 s10"},
-        {.source = {1, 1, 2}, .output = noSource + invalid, .codes = "s1 s2 s10"},
-        // Requests that fail; a destination that cannot be probed counts as missing.
-        {.source = {11, 1, -1}, .output = "Password is invalid.\n", .codes = checked + "s10"},
-        {.source = {1, 2, 5}, .output = copying + noSource, .codes = checked + "s1 s10"},
+        {.source = {1, 1, 2}, .output = "Source path invalid or inaccessible.\n" + invalid, .codes = "s1 s2 s10"},
+        // A destination that cannot be probed counts as missing.
         {.dest = {1, 1, 5}, .output = copying + whole, .codes = fresh, .written = 2000},
-        {.dest = {7, 1, 13}, .output = noDest + ".\n", .codes = begun + "d1 d7 s2 d10 s10"},
-        {.dest = {2, 1, 5}, .output = noDest + ".\n", .codes = begun + "d1 d7 d2 s2 d10 s10"},
-        {.dest = {1, 2, 13}, .output = noDest + " \n\n", .codes = created + "s2 d10 s10"},
-        {.source = {32, 1, 5}, .output = copying + "Failed checking repository file size.\n", .codes = created + "s32 s2 d10 s10"},
-        {.dest = {26, 1, 5}, .output = copying + "Failed checking volume space.\n", .codes = room + "s2 d10 s10"},
         {.modifiers = {"-q"}, .source = {47, 1, 33}, .output = copying + "Lock attempt failed - retrying\n" + locked,
          .codes = room + "s32 s47 " + moved, .written = 2000},
-        {.source = {47, 1, 5}, .output = copying + locking + "Failed getting lock.\nRepository file is locked by another process.\n",
-         .codes = room + "s32 s47 s2 d2 d10 s10"},
-        {.source = {32, 3, 5}, .output = copying + locking + "Failed checking repository EOF.\n", .codes = room + locks + "s2 d2 d10 s10"},
-        {.source = {36, 2, 33}, .output = copying + bothLocks + "Error -33 reading source repository.  "
-         "Attempted to read 1024 bytes at [0:1024].\n" + unlocking, .codes = toRead + ended, .written = 1024},
-        {.dest = {39, 2, 28}, .output = copying + bothLocks + "Error writing destination repository.\n" + unlocking,
-         .codes = toRead + "d39 " + ended, .written = 1024},
-        {.source = {48, 1, 5}, .output = copying + bothLocks + unlocking + "Attempt to unlock repository failed.\n",
-         .codes = fresh, .written = 2000},
         // By system commands.
         {.modifiers = {"-f", "echo"}, .output = byEcho, .codes = byCommand},
-        {.modifiers = {"-q", "-f", "$KXADMIN stat 127.0.0.1 >/dev/null; echo"}, .output = locked + "a.rep b.rep\n",
+        {.modifiers = {"-q", "-f", "/proc/$PPID/exe stat 127.0.0.1 >/dev/null; echo"}, .output = locked + "a.rep b.rep\n",
          .codes = checked + "s1 " + locks + "s12 s28 s9 s13 s10 s48 s2 s10"},
         {.modifiers = {"-q", "-f", "kill $$;"}, .output = locked, .codes = byCommand},
         {.modifiers = {"-f", "false"}, .output = "Copying a.rep => b.rep using system command 'false'\n" + bothLocks + unlocking,
@@ -93,11 +114,10 @@ TEST(Copy, EveryWay) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.output + row.codes);
-        CopyScene scene;
-        scene.from.files["a.rep"] = row.file;
+        CopyScene scene(row.file);
         scene.from.dataLimit = 1024;
-        scene.from.faults = {row.source};
-        scene.to.faults = {row.dest};
+        scene.from.fault = row.source;
+        scene.to.fault = row.dest;
         scene.to.freeBlocks = row.freeBlocks;
         const std::string old(row.old, 'o');
         if (row.old != 0)
@@ -122,16 +142,70 @@ TEST(Copy, EverySizeAtEveryLimit) {
     };
     for (const auto& [limit, sizes, progress] : rows)
         for (const U32 size : sizes) {
-            CopyScene scene(size);
+            CopyScene scene(repository(size));
             scene.to.dataLimit = limit;
             // A header of its own for the check, which some sizes are too small to pass.
-            scene.source.on(REQUEST_FILE_READ, {reply(0, repository(256))});
+            scene.server.on(REQUEST_FILE_READ, {reply(0, repository(256))});
             EXPECT_EQ(scene.copy({"-b"}).err, progress + "\r[0:" + std::to_string(size) + "]    ");
             EXPECT_TRUE(scene.to.files["b.rep"] == repository(size)) << size;
             std::string chunks = "s36 d39 ";
             for (U32 position = limit; position < size; position += limit)
                 chunks += "s36 d39 ";
             EXPECT_EQ(scene.codes(), created + locks + chunks + ended) << size;
-            EXPECT_EQ(sent(scene.source, {REQUEST_FILE_OPEN}, 1), "1 66 1 66 1 66 1 18 ");
+            EXPECT_EQ(sent(scene.server, {REQUEST_FILE_OPEN}, 1), "1 66 1 66 1 66 1 18 ");
         }
+}
+
+TEST(Copy, CountsRoomInBlocksOfTheDestination) {
+    // The warning's numbers: blocks of the source, blocks available, bytes in 1 block.
+    const std::tuple<U32, U32, U32, const char*> rows[] = {
+        // clang-format off
+        {0, 0, 4096, " 0 0 1 4096 "},   {0, 1, 4096, " "},   {512, 2, 4096, " 2 2 1 4096 "}, {512, 3, 4096, " "},
+        {768, 3, 4096, " 3 3 1 4096 "}, {767, 3, 4096, " "}, {64, 64, 31, " 64 64 1 31 "},   {64, 33, 32, " "},
+        {64, 64, 16, " 64 64 1 16 "},   {64, 65, 16, " "},   {64, 79, 15, " 4 4 1 15 "},     {64, 80, 15, " "},
+        {64, 1039, 1, " 64 64 1 1 "},   {64, 1040, 1, " "},  {5, 0x80000000, 16, " "},
+        {0xC0000000, 5, 16, " -1073741824 5 1 16 "},         {64, 0, 0x80000000, " 0 0 1 -2147483648 "},
+        // clang-format on
+    };
+    for (const auto& [size, freeBlocks, bytesPerBlock, warning] : rows) {
+        CopyScene scene;
+        scene.to.freeBlocks = freeBlocks;
+        scene.to.bytesPerBlock = bytesPerBlock;
+        scene.server.on(REQUEST_16GB_FILE_GET_EOF, units(size, 1U));
+        scene.server.on(REQUEST_16GB_LARGE_LOCK, {reply(5)});
+        const std::string output = scene.copy({}, "n\n").out.substr(copying.size() - 1);
+        EXPECT_EQ(std::regex_replace(output, std::regex("[^-\\d]+"), " "), warning)
+            << size << " units, " << freeBlocks << " free of " << bytesPerBlock;
+    }
+}
+
+TEST(Copy, LocksTheSourceAtTheSizeItHas) {
+    const std::string size = "Locked library of size ", retry = "Lock attempt failed - retrying\n";
+    const std::string changed = "File size changed between check and lock - retrying\n";
+    const std::string aborted = "Unable to lock source repository, system copy aborted.\n";
+    const std::vector<Answer> done{reply(0)};
+    // Sizes, answers to lock and unlock, output, and the requests: 47 locks and 48 unlocks, an
+    // offset and a length, each in halves.
+    const std::tuple<std::vector<Answer>, std::vector<Answer>, std::vector<Answer>, std::string,
+                     std::string>
+        rows[] = {
+            // clang-format off
+        {units(0U), done, done, size + "0:0 bytes.\n", "47 0 0 0 0 48 0 0 0 0 "},
+        {units(0xfffffffU), done, done, size + "0:4294967280 bytes.\n", "47 0 0 0 4294967280 48 0 0 0 4294967280 "},
+        {units(0x40000000U), done, done, size + "4:0 bytes.\n", "47 0 0 4 0 48 0 0 4 0 "},
+        {units(0x40000001U), done, done, "Repository greater than 16 GB.\n" + aborted, ""},
+        {units(1U, 2U, 3U), {reply(33), reply(33), reply(0)}, done, retry + retry + size + "0:48 bytes.\n",
+         "47 0 0 0 16 47 0 0 0 32 47 0 0 0 48 48 0 0 0 48 "},
+        {units(1U, 2U), done, done, changed + size + "0:32 bytes.\n", "47 0 0 0 16 48 0 0 0 16 47 0 0 0 32 48 0 0 0 32 "},
+        {units(1U, 2U), done, {reply(5)}, "Attempt to unlock repository failed.\n" + aborted, "47 0 0 0 16 48 0 0 0 16 "},
+            // clang-format on
+        };
+    for (const auto& [sizes, lock, unlock, output, requests] : rows) {
+        CopyScene scene;
+        scene.server.on(REQUEST_16GB_FILE_GET_EOF, sizes);
+        scene.server.on(REQUEST_16GB_LARGE_LOCK, lock);
+        scene.server.on(REQUEST_16GB_LARGE_UNLOCK, unlock);
+        EXPECT_EQ(scene.copy({"-q", "-f", "true"}).out, output);
+        EXPECT_EQ(sent(scene.server, {47, 48}, 4), requests) << output;
+    }
 }

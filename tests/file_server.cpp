@@ -1,13 +1,11 @@
 #include "tests/file_server.h"
 
-#include <gtest/gtest.h>
+#include "client/exchange.h"
 
 /// The number at place `index` of a message, the request code being at 0.
-static U32 numberAt(const std::string& message, std::size_t index) {
-    U32 number = 0;
-    for (std::size_t i = 4 * index; i < 4 * index + 4 && i < message.size(); ++i)
-        number = number << 8 | static_cast<U8>(message[i]);
-    return number;
+static U32 numberAt(std::string message, std::size_t index) {
+    message.resize(std::max(message.size(), 4 * index + 4));
+    return getNumber(&message[4 * index]);
 }
 
 std::string sent(ScriptedServer& server, const std::set<U32>& codes, std::size_t count) {
@@ -30,9 +28,8 @@ std::string repository(std::size_t size) {
 
 static Answer answer(Volume& volume, const std::string& request) {
     const U32 code = numberAt(request, 0);
-    for (Fault& fault : volume.faults)
-        if (fault.code == code && --fault.nth == 0)
-            return reply(fault.result);
+    if (volume.fault.code == code && --volume.fault.nth == 0)
+        return reply(volume.fault.result);
     // The 16 GB requests have a high half before the offset.
     const std::size_t i = code == REQUEST_FILE_READ || code == REQUEST_FILE_WRITE ? 3 : 4;
     const std::size_t offset = numberAt(request, i), length = numberAt(request, i + 1);
@@ -58,33 +55,8 @@ static Answer answer(Volume& volume, const std::string& request) {
     return reply(0);
 }
 
-void serveFiles(ScriptedServer& server, Volume& volume) {
+void serveFiles(ScriptedServer& server, Volume& volume, ScriptedServer::Host host) {
+    const auto handler = [&volume](const std::string& bytes) { return answer(volume, bytes); };
     for (const U32 code : {1U, 2U, 3U, 4U, 7U, 9U, 10U, 11U, 26U, 32U, 36U, 39U, 47U, 48U})
-        server.on(code, [&volume](const std::string& bytes) { return answer(volume, bytes); });
-}
-
-/// `text` without what it has to begin with.
-static std::string behind(const std::string& begin, const std::string& text) {
-    return text.starts_with(begin) ? text.substr(begin.size()) : "does not begin well: " + text;
-}
-
-CopyScene::CopyScene(std::size_t size) {
-    from.files["a.rep"] = repository(size);
-    serveFiles(source, from);
-    serveFiles(dest, to);
-}
-
-Outcome CopyScene::copy(const Arguments& modifiers, const std::string& input) {
-    Arguments arguments{"copy", "-p", "secret", "127.0.0.1:a.rep", "127.0.0.2:b.rep"};
-    arguments.insert(arguments.begin() + 1, modifiers.begin(), modifiers.end());
-    Outcome outcome = runKxadmin(arguments, source.port, input);
-    outcome.out = behind(banner + std::string("\nConnected to source server\n\n"
-                                              "Connected to destination server\n\n"),
-                         outcome.out);
-    EXPECT_EQ(outcome.status, 0);
-    return outcome;
-}
-
-std::string CopyScene::codes() {
-    return behind("s12 s28 s9 s25 d12 d28 d9 d25 d10 ", source.codes());
+        server.on(code, handler, host);
 }

@@ -1,5 +1,4 @@
-// Files in memory behind a scripted server, so that what a command did to them can be compared, and
-// the two servers of a copy.
+// Files in memory behind a scripted server, so that what a command did to them can be compared.
 #pragma once
 
 #include "tests/run_program.h"
@@ -23,22 +22,10 @@ struct Fault {
 struct Volume {
     std::map<std::string, std::string> files{};
     U32 dataLimit = 32768, freeBlocks = 1000, bytesPerBlock = 4096;
-    std::vector<Fault> faults{};
+    Fault fault{};
     std::string open{}; // name of the file that was opened last
 };
 
 /// Makes the server answer the file requests on `volume`, which has to outlive it.
-void serveFiles(ScriptedServer& server, Volume& volume);
-
-/// "a.rep" on a server named s and a volume for "b.rep" on a server named d, at one port.
-struct CopyScene {
-    explicit CopyScene(std::size_t size = 2000);
-
-    /// Copies; the output comes back without what was said before the two servers were known.
-    Outcome copy(const Arguments& modifiers, const std::string& input = "");
-    /// The trace from there on.
-    std::string codes();
-
-    Volume from, to;
-    ScriptedServer source{"s"}, dest{"d", &source};
-};
+void serveFiles(ScriptedServer& server, Volume& volume,
+                ScriptedServer::Host host = ScriptedServer::SOURCE);

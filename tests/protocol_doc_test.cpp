@@ -1,37 +1,29 @@
 // docs/protocol.md: its transcripts, replayed to the sandbox that it tells to start.
+#include "client/exchange.h"
+#include "net/socket.h"
 #include "tests/run_program.h"
 #include "tests/scratch.h"
-
-#include "client/protocol.h"
-#include "net/socket.h"
+#include "tests/scripted_server.h"
 
 #include <fnmatch.h>
 #include <gtest/gtest.h>
 #include <regex>
 #include <set>
 
-static std::string readFile(const std::string& file) {
-    std::ifstream stream(KX_SOURCE_DIR + ("/" + file));
-    return std::string(std::istreambuf_iterator(stream), {});
-}
-
 static std::vector<std::smatch> matches(const std::string& text, const std::string& pattern) {
     const std::regex regex(pattern);
     return {std::sregex_iterator(text.begin(), text.end(), regex), {}};
 }
 
-static std::string hex(const std::string& bytes) {
-    std::string text;
-    for (const char c : bytes)
-        text.append({"0123456789abcdef"[c >> 4 & 15], "0123456789abcdef"[c & 15]});
-    return text;
+static std::string digits(const std::string& bytes) {
+    return std::regex_replace(hex(bytes), std::regex(" "), "");
 }
 
 /// The bytes of a line of the page in hexadecimal, with "?" and "*" as they stand.
 static std::string bytesOf(const std::string& line) {
     std::string text;
     for (const auto& word : matches(line, "\"([^\"]*)\"|([0-9a-f]{2})x(\\d+)|(\\S+)")) {
-        text += hex(word[1]) + word[4].str();
+        text += digits(word[1]) + word[4].str();
         for (int i = word[3].matched ? std::stoi(word[3]) : 0; i > 0; --i)
             text += word[2];
     }
@@ -41,23 +33,18 @@ static std::string bytesOf(const std::string& line) {
 static std::string receive(I32 s, U32 u32Length) {
     std::string bytes(std::min(u32Length, U32{65536}), '\0');
     const I32 iGot = socketReceiveBuffer(s, bytes.data(), static_cast<I32>(bytes.size()));
-    return hex(bytes.substr(0, static_cast<std::size_t>(std::max(iGot, 0))));
-}
-
-static U32 numberAt(const std::string& digits, std::size_t offset) {
-    return static_cast<U32>(
-        std::stoul("0" + digits.substr(std::min(offset, digits.size()), 8), nullptr, 16));
+    return bytes.substr(0, static_cast<std::size_t>(std::max(iGot, 0)));
 }
 
 TEST(ProtocolPage, ItsTranscriptsAreTrue) {
     const Scratch scratch;
-    const std::string page = readFile("docs/protocol.md"), program = KXSANDBOX_PROGRAM;
-    const std::string start = "cd " + scratch.directory + "; PATH=$(dirname " + program +
-                              "):$PATH\n" + matches(page, "```sh\n([^`]*)```").at(0).str(1);
+    const std::string page = readFile(KX_SOURCE_DIR "/docs/protocol.md");
+    const std::string start = "cd " + scratch.directory +
+                              "; PATH=$(dirname " KXSANDBOX_PROGRAM "):$PATH\n" +
+                              matches(page, "```sh\n([^`]*)```").at(0).str(1);
     TerminalRun sandbox("/bin/sh", {"-c", start}, {});
     ASSERT_TRUE(sandbox.waitFor("port ") && sandbox.waitFor("\n")) << sandbox.output;
-    const U32 u32Port =
-        static_cast<U32>(std::stoul(sandbox.output.substr(sandbox.output.find("port ") + 5)));
+    const auto port = std::stoul(sandbox.output.substr(sandbox.output.find("port ") + 5));
 
     std::string transcripts;
     for (const auto& block : matches(page, "```wire\n([^`]*)```"))
@@ -70,7 +57,7 @@ TEST(ProtocolPage, ItsTranscriptsAreTrue) {
         const bool fNew = !connections.contains(line[1]);
         I32& s = connections[line[1]];
         if (fNew) {
-            s = socketConnectToHost("127.0.0.1", u32Port);
+            s = socketConnectToHost("127.0.0.1", static_cast<U32>(port));
             const timeval patience{10, 0}; // with a reply that the page has and the sandbox has not
             setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
         }
@@ -80,24 +67,24 @@ TEST(ProtocolPage, ItsTranscriptsAreTrue) {
             for (std::size_t i = 0; i < expected.size(); i += 2)
                 bytes += static_cast<char>(std::stoi(expected.substr(i, 2), nullptr, 16));
             socketSendBuffer(s, bytes.data(), static_cast<I32>(bytes.size()));
-            codes.insert(numberAt(expected, 0));
+            codes.insert(getNumber(bytes.data()));
         } else if (line[3] == "end") {
             ASSERT_EQ(receive(s, 1), "");
             socketClose(s);
             connections.erase(line[1]);
         } else {
             std::string got = receive(s, fNew ? 4 : 12);
-            if (!fNew)
-                got += receive(s, numberAt(got, 8) + numberAt(got, 16));
-            ASSERT_EQ(fnmatch(expected.c_str(), got.c_str(), 0), 0) << got;
+            if (got.size() == 12)
+                got += receive(s, getNumber(&got[4]) + getNumber(&got[8]));
+            ASSERT_EQ(fnmatch(expected.c_str(), digits(got).c_str(), 0), 0) << hex(got);
         }
     }
     ASSERT_TRUE(codes.contains(REQUEST_STOP_SERVER));
     EXPECT_EQ(sandbox.finish(), 0);
-    const std::string header = readFile("client/protocol.h");
+    const std::string header = readFile(KX_SOURCE_DIR "/client/protocol.h");
     for (const auto& row : matches(header, "(REQUEST_\\w+) = (\\d+),")) {
-        EXPECT_NE(page.find("\n### " + row.str(2) + " `" + row.str(1) + "`\n"), page.npos)
-            << row.str();
-        EXPECT_TRUE(codes.contains(static_cast<U32>(std::stoul(row[2])))) << row.str();
+        const std::string title = "\n### " + row.str(2) + " `" + row.str(1) + "`\n";
+        EXPECT_NE(page.find(title), page.npos) << title;
+        EXPECT_TRUE(codes.contains(static_cast<U32>(std::stoul(row[2])))) << title;
     }
 }

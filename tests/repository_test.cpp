@@ -38,7 +38,7 @@ TEST(Repository, EveryOutcomeOnTheConsoleAndInTheReport) {
         for (const bool fReport : {false, true}) {
             SCOPED_TRACE(message + (fReport ? " in the report" : ""));
             const Scratch scratch;
-            Volume volume{.files = {{"/a.rep", file}}, .faults = {fault}};
+            Volume volume{.files = {{"/a.rep", file}}, .fault = fault};
             ScriptedServer server;
             serveFiles(server, volume);
             const std::string option = fReport ? "-f" + scratch.path("report") : "--";

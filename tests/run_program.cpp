@@ -1,97 +1,25 @@
 #include "tests/run_program.h"
 
+#include "tests/scratch.h"
+
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
-#include <poll.h>
 #include <pty.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
-const char banner[] = "\nKXADMIN 7.0a\nBy the kxadmin authors\nLocale: C\n";
-
-/// What a program starts with, put together before the fork: the child may not allocate.
-struct Start {
-    Start(const std::string& program, const Arguments& arguments, const Environment& environment) {
-        argv.push_back(const_cast<char*>(program.c_str()));
-        for (const std::string& argument : arguments)
-            argv.push_back(const_cast<char*>(argument.c_str()));
-        argv.push_back(nullptr);
-        for (const auto& [name, value] : environment) // the first setting of a name counts
-            settings.push_back(name + "=" + value);
-        settings.push_back("LC_ALL=C");
-        for (char** p = environ; *p != nullptr; ++p)
-            if (std::strncmp(*p, "LC_", 3) != 0 && std::strncmp(*p, "KXSRV_", 6) != 0)
-                settings.push_back(*p);
-        for (std::string& setting : settings)
-            envp.push_back(setting.data());
-        envp.push_back(nullptr);
-    }
-
-    [[noreturn]] void run() {
-        execve(argv[0], argv.data(), envp.data());
-        _exit(127);
-    }
-
-    std::vector<char*> argv;
-    std::vector<std::string> settings;
-    std::vector<char*> envp;
-};
-
-static int exitStatus(pid_t process) {
-    int status = 0;
-    waitpid(process, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-/// Reads both pipes to their ends.
-static void collect(int out, int err, Outcome* pOutcome) {
-    pollfd ends[] = {{out, POLLIN, 0}, {err, POLLIN, 0}};
-    std::string* const texts[] = {&pOutcome->out, &pOutcome->err};
-    char buffer[4096];
-    while (ends[0].fd >= 0 || ends[1].fd >= 0) {
-        poll(ends, 2, -1);
-        for (int i = 0; i < 2; ++i) {
-            if (ends[i].fd < 0 || ends[i].revents == 0)
-                continue;
-            const ssize_t n = read(ends[i].fd, buffer, sizeof buffer);
-            if (n > 0) {
-                texts[i]->append(buffer, static_cast<std::size_t>(n));
-            } else {
-                close(ends[i].fd);
-                ends[i].fd = -1;
-            }
-        }
-    }
-}
+const std::string banner = "\nKXADMIN 7.0a\nBy the kxadmin authors\nLocale: C\n";
 
 Outcome runProgram(const std::string& program, const Arguments& arguments,
                    const Environment& environment, const std::string& input) {
-    int in[2], out[2], err[2];
-    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
-        std::abort();
-    Start start(program, arguments, environment);
-    const pid_t process = fork();
-    if (process < 0)
-        std::abort();
-    if (process == 0) {
-        dup2(in[0], 0);
-        dup2(out[1], 1);
-        dup2(err[1], 2);
-        start.run();
-    }
-    close(in[0]);
-    close(out[1]);
-    close(err[1]);
-    if (write(in[1], input.data(), input.size()) != static_cast<ssize_t>(input.size()))
-        std::abort();
-    close(in[1]);
-    Outcome outcome;
-    collect(out[0], err[0], &outcome);
-    outcome.status = exitStatus(process);
-    return outcome;
+    const Scratch scratch;
+    scratch.write("in", input);
+    const std::string in = "cat " + scratch.path("in"), out = scratch.path("out"),
+                      err = scratch.path("err");
+    Arguments words{"-c", in + " | \"$0\" \"$@\" >" + out + " 2>" + err, program};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    const int status = TerminalRun("/bin/sh", words, environment).finish();
+    return {status, readFile(out), readFile(err)};
 }
 
 Outcome runKxadmin(const Arguments& arguments, unsigned port, const std::string& input) {
@@ -101,12 +29,29 @@ Outcome runKxadmin(const Arguments& arguments, unsigned port, const std::string&
 
 TerminalRun::TerminalRun(const std::string& program, const Arguments& arguments,
                          const Environment& environment) {
-    Start start(program, arguments, environment);
+    // A command line of env, put together before the fork: the child may not allocate.
+    Arguments words{"/usr/bin/env", "-i", std::string("PATH=") + std::getenv("PATH"), "LC_ALL=C"};
+    for (const auto& [name, value] : environment)
+        words.push_back(name + "=" + value);
+    words.push_back(program);
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    for (std::string& word : words)
+        argv.push_back(word.data());
+    argv.push_back(nullptr);
     process = forkpty(&terminal, nullptr, nullptr, nullptr);
-    if (process == 0)
-        start.run();
+    if (process == 0) {
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
     if (process < 0) // a signal for process -1 would reach every process there is
         std::abort();
+}
+
+static int exitStatus(pid_t process) {
+    int status = 0;
+    waitpid(process, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 TerminalRun::~TerminalRun() {

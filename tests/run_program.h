@@ -16,8 +16,8 @@ struct Outcome {
 using Arguments = std::vector<std::string>;
 using Environment = std::map<std::string, std::string>;
 
-/// Runs the program to its end with `input` on standard input. The environment is this process's
-/// with LC_ALL=C and the changes of `environment`.
+/// Runs the program to its end with `input` on standard input. Its environment is PATH, LC_ALL=C
+/// and `environment`.
 Outcome runProgram(const std::string& program, const Arguments& arguments,
                    const Environment& environment = {}, const std::string& input = "");
 
@@ -25,7 +25,7 @@ Outcome runProgram(const std::string& program, const Arguments& arguments,
 Outcome runKxadmin(const Arguments& arguments, unsigned port, const std::string& input = "");
 
 /// The banner in the C locale.
-extern const char banner[];
+extern const std::string banner;
 
 /// A program on a terminal of its own.
 class TerminalRun {
@@ -33,8 +33,7 @@ public:
     TerminalRun(const std::string& program, const Arguments& arguments,
                 const Environment& environment);
     ~TerminalRun();
-    TerminalRun(const TerminalRun&) = delete;
-    TerminalRun& operator=(const TerminalRun&) = delete;
+    TerminalRun(TerminalRun&&) = delete;
 
     /// Collects output until it holds `text` or the program ends; whether it came.
     bool waitFor(const std::string& text);

@@ -1,4 +1,4 @@
-// A directory of a test's own, which goes with it.
+// Files: reading one, and a directory of a test's own, which goes with it.
 #pragma once
 
 #include <cstdlib>
@@ -6,23 +6,24 @@
 #include <fstream>
 #include <string>
 
+/// All of the file, or "(none)" when there is none.
+inline std::string readFile(const std::string& path) {
+    std::ifstream stream(path, std::ios::binary);
+    return stream ? std::string(std::istreambuf_iterator(stream), {}) : "(none)";
+}
+
 struct Scratch {
     ~Scratch() {
         std::filesystem::remove_all(directory);
     }
-
     std::string path(const std::string& file) const {
         return directory + "/" + file;
     }
-
+    std::string read(const std::string& file) const {
+        return readFile(path(file));
+    }
     void write(const std::string& file, const std::string& bytes) const {
         std::ofstream(path(file), std::ios::binary) << bytes;
-    }
-
-    /// "(none)" when there is no such file.
-    std::string read(const std::string& file) const {
-        std::ifstream stream(path(file), std::ios::binary);
-        return stream ? std::string(std::istreambuf_iterator(stream), {}) : "(none)";
     }
 
     char name[20] = "/tmp/kxtest.XXXXXX";

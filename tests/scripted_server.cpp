@@ -6,8 +6,8 @@
 #include <arpa/inet.h>
 #include <cstdlib>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 std::string be32(U32 u32) {
     const U32 u32Wire = htonl(u32);
@@ -33,85 +33,56 @@ std::string hex(const std::string& bytes) {
     return text;
 }
 
-/// Binds a new listener to host:port; -1 when the port is taken there.
-static I32 listenAt(const std::string& host, U16* pPort) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(*pPort);
-    address.sin_addr.s_addr = inet_addr(host.c_str());
-    socklen_t length = sizeof address;
-    const I32 s = SocketSocket();
-    SocketReuse(s);
-    if (bind(s, reinterpret_cast<sockaddr*>(&address), length) != 0 || SocketListen(s, 8) != 0) {
-        socketClose(s);
-        return -1;
-    }
-    getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);
-    *pPort = ntohs(address.sin_port);
-    return s;
-}
-
-/// As listenAt, at a port that the other host of a copy has free as well.
-static I32 listenAtFreePort(const std::string& host, U16* pPort) {
-    for (;;) {
-        const I32 s = listenAt(host, &(*pPort = 0)), other = listenAt("127.0.0.2", pPort);
-        socketClose(other >= 0 ? other : s);
-        if (other >= 0)
-            return s;
-    }
-}
-
-ScriptedServer::ScriptedServer(const std::string& serverName, ScriptedServer* pFirst)
-    : name(serverName), pTrace(pFirst != nullptr ? pFirst->pTrace : &ownTrace) {
-    if (pFirst != nullptr) {
-        host = "127.0.0.2";
-        port = pFirst->port;
-    }
-    listener = pFirst != nullptr ? listenAt(host, &port) : listenAtFreePort(host, &port);
-    if (listener < 0) {
-        std::fprintf(stderr, "no port for the scripted server at %s:%d\n", host.c_str(), port);
+ScriptedServer::ScriptedServer(U32 address, U16 givenPort)
+    : fTwoHosts(address == INADDR_ANY), listener(SocketSocket()) {
+    sockaddr_in name{};
+    name.sin_family = AF_INET;
+    name.sin_port = htons(givenPort);
+    name.sin_addr.s_addr = htonl(address);
+    socklen_t length = sizeof name;
+    SocketReuse(listener);
+    // Any address is any of this machine to itself.
+    if (setsockopt(listener, SOL_SOCKET, SO_BINDTODEVICE, "lo", 3) != 0 ||
+        bind(listener, reinterpret_cast<sockaddr*>(&name), length) != 0 ||
+        SocketListen(listener, 8) != 0) {
+        std::perror("scripted server");
         std::abort();
     }
-    on(REQUEST_GET_INTERNET_ADDRESS, {reply(0, std::string("\x7f\0\0\1", 4))});
-    on(REQUEST_QUERY_SERVER_TYPE, {reply(0, be32(0) + "7.0a")});
-    on(REQUEST_GET_MAX_DATA, {reply(0, be32(32768))});
-    on(REQUEST_GET_VERSION, {reply(0, std::string("7.0a\0\0\0\7\0", 9))});
-    acceptor = std::thread([this] { acceptConnections(); });
+    getsockname(listener, reinterpret_cast<sockaddr*>(&name), &length);
+    port = ntohs(name.sin_port);
+    const std::string id("\x7f\0\0\1", 4), version("7.0a\0\0\0\7\0", 9);
+    for (const Host host : {SOURCE, DEST}) {
+        on(REQUEST_GET_INTERNET_ADDRESS, {reply(0, id)}, host);
+        on(REQUEST_QUERY_SERVER_TYPE, {reply(0, be32(0) + "7.0a")}, host);
+        on(REQUEST_GET_MAX_DATA, {reply(0, be32(32768))}, host);
+        on(REQUEST_GET_VERSION, {reply(0, version)}, host);
+    }
+    thread = std::thread([this] { run(); });
 }
 
 ScriptedServer::~ScriptedServer() {
     SocketShutdown(listener);
-    acceptor.join();
-    {
-        const std::lock_guard lock(mutex);
-        for (const I32 s : sockets)
-            SocketShutdown(s);
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-    for (const I32 s : sockets)
-        socketClose(s);
+    thread.join();
     socketClose(listener);
 }
 
-ScriptedServer& ScriptedServer::on(U32 code, std::vector<Answer> replies) {
-    return on(code, [replies, next = std::size_t{0}](const std::string&) mutable {
+void ScriptedServer::on(U32 code, std::vector<Answer> replies, Host host) {
+    const auto inOrder = [replies, next = std::size_t{0}](const std::string&) mutable {
         return replies[std::min(next++, replies.size() - 1)];
-    });
+    };
+    on(code, inOrder, host);
 }
 
-ScriptedServer& ScriptedServer::on(U32 code, Handler handler) {
-    const std::lock_guard lock(pTrace->mutex);
-    handlers[code] = std::move(handler);
-    return *this;
+void ScriptedServer::on(U32 code, Handler handler, Host host) {
+    const std::lock_guard lock(mutex);
+    handlers[host][code] = std::move(handler);
 }
 
-void ScriptedServer::acceptConnections() {
-    for (I32 s; (s = SocketAccept(listener)) >= 0;) {
-        const std::lock_guard lock(mutex);
-        sockets.push_back(s);
-        threads.emplace_back([this, s] { serve(s); });
-    }
+ScriptedServer::Host ScriptedServer::hostOf(I32 s) const {
+    sockaddr_in name{};
+    socklen_t length = sizeof name;
+    getsockname(s, reinterpret_cast<sockaddr*>(&name), &length);
+    return fTwoHosts && ntohl(name.sin_addr.s_addr) == INADDR_LOOPBACK + 1 ? DEST : SOURCE;
 }
 
 static bool receiveRequest(I32 s, std::string* pRequest) {
@@ -123,50 +94,62 @@ static bool receiveRequest(I32 s, std::string* pRequest) {
     return socketReceiveBuffer(s, pRequest->data() + 12, behind) == behind;
 }
 
-Answer ScriptedServer::answerTo(const std::string& request) {
-    const std::lock_guard lock(pTrace->mutex);
+Answer ScriptedServer::answerTo(const std::string& request, Host host) {
+    const std::lock_guard lock(mutex);
     const U32 code = getNumber(request.data());
-    const std::size_t index = pTrace->requests.size();
-    pTrace->requests.push_back(request);
-    pTrace->codes += name + std::to_string(code) + " ";
-    const auto handler = handlers.find(code);
-    const Answer answer = handler != handlers.end() ? handler->second(request) : reply(0);
+    const std::size_t index = trace.size();
+    trace.push_back(request);
+    traceCodes += traceCodes.empty() ? "" : " ";
+    traceCodes += (!fTwoHosts ? "" : host == DEST ? "d" : "s") + std::to_string(code);
+    const auto handler = handlers[host].find(code);
+    const Answer answer = handler != handlers[host].end() ? handler->second(request) : reply(0);
     return disturb != nullptr ? disturb(index, answer) : answer;
 }
 
-/// Sends it, and ends the connection if it is to.
-static void send(I32 s, const Answer& answer) {
+/// Sends it and ends the connection if it is to. Returns the socket while there is more to answer,
+/// its complement when it just stays open.
+static I32 give(const Answer& answer, I32 s) {
     const std::size_t size = answer.bytes.size(), piece = answer.piece != 0 ? answer.piece : size;
     for (std::size_t i = 0; i < size; i += piece)
         socketSendBuffer(s, &answer.bytes[i], static_cast<I32>(std::min(piece, size - i)));
-    if (answer.after == Answer::RESET) {
-        // Dissolving the association resets the connection and leaves the descriptor to its owner.
-        const sockaddr none{.sa_family = AF_UNSPEC, .sa_data = {}};
-        connect(s, &none, sizeof none);
-    }
-    if (answer.after == Answer::CLOSE || answer.after == Answer::RESET)
-        SocketShutdown(s);
+    if (answer.after == Answer::GO_ON || answer.after == Answer::STALL)
+        return answer.after == Answer::GO_ON ? s : ~s;
+    const linger reset{answer.after == Answer::RESET, 0};
+    setsockopt(s, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    socketClose(s);
+    return -1;
 }
 
-void ScriptedServer::serve(I32 s) {
-    const int iOn = 1; // pieces travel as they are sent
-    setsockopt(s, IPPROTO_TCP, TCP_NODELAY, &iOn, sizeof iOn);
-    send(s, greeting);
-    Answer answer{"", greeting.after};
-    for (std::string request; answer.after == Answer::GO_ON && receiveRequest(s, &request);) {
-        answer = answerTo(request);
-        send(s, answer);
+void ScriptedServer::run() {
+    std::vector<pollfd> polled{{listener, POLLIN, 0}}; // which passes over negative ones
+    while (poll(polled.data(), polled.size(), -1) > 0) {
+        for (std::size_t i = 1; i < polled.size(); ++i) {
+            std::string request;
+            if (I32& s = polled[i].fd; polled[i].revents != 0)
+                s = give(receiveRequest(s, &request) ? answerTo(request, hostOf(s))
+                                                     : Answer{"", Answer::CLOSE},
+                         s);
+        }
+        if (polled[0].revents == 0)
+            continue;
+        const I32 s = SocketAccept(listener);
+        if (s < 0)
+            break;
+        const int iOn = 1; // pieces travel as they are sent
+        setsockopt(s, IPPROTO_TCP, TCP_NODELAY, &iOn, sizeof iOn);
+        polled.push_back({give(greetings[hostOf(s)], s), POLLIN, 0});
     }
-    if (answer.after == Answer::GO_ON)
-        SocketShutdown(s); // as its client has
+    for (const pollfd& each : polled)
+        if (each.fd != listener && each.fd != -1)
+            socketClose(each.fd < 0 ? ~each.fd : each.fd);
 }
 
 std::string ScriptedServer::codes() {
-    const std::lock_guard lock(pTrace->mutex);
-    return pTrace->codes.substr(0, pTrace->codes.find_last_not_of(' ') + 1);
+    const std::lock_guard lock(mutex);
+    return traceCodes;
 }
 
 std::vector<std::string> ScriptedServer::requests() {
-    const std::lock_guard lock(pTrace->mutex);
-    return pTrace->requests;
+    const std::lock_guard lock(mutex);
+    return trace;
 }

@@ -1,6 +1,6 @@
 // A server that plays a scene: it answers each request code with the replies it was given, in their
-// order, and records every request. It runs in the test's process, on a free loopback port, and
-// serves each connection on a thread of its own.
+// order, and records every request. It runs on a thread of the test's process, at a free port; the
+// two servers of a copy are one that tells them apart by the address it is called at.
 #pragma once
 
 #include "client/protocol.h"
@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <netinet/in.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,50 +35,41 @@ inline Answer reply(I32 result, const std::string& data = "") {
     return {replyBytes(result, data)};
 }
 
-/// The requests that the servers of a scene received, in the order of their arrival.
-struct Trace {
-    std::mutex mutex;
-    std::vector<std::string> requests; // whole messages
-    std::string codes; // "12 28 9 ", each behind the name of its server, if it has one
-};
-
 class ScriptedServer {
 public:
     using Handler = std::function<Answer(const std::string& request)>;
+    enum Host { SOURCE, DEST };
 
-    /// Listens at once. `name` goes before each code in the trace; a scene of two servers gives the
-    /// second one the first one's trace and port.
-    explicit ScriptedServer(const std::string& name = "", ScriptedServer* pFirst = nullptr);
+    /// Listens at once, at the address or, for the hosts of a copy, at 127.0.0.1 and 127.0.0.2.
+    explicit ScriptedServer(U32 address = INADDR_LOOPBACK, U16 port = 0);
     ~ScriptedServer();
-    ScriptedServer(const ScriptedServer&) = delete;
-    ScriptedServer& operator=(const ScriptedServer&) = delete;
+    ScriptedServer(ScriptedServer&&) = delete;
 
     /// Replies to requests of `code`, one after the other; the last one repeats.
-    ScriptedServer& on(U32 code, std::vector<Answer> replies);
-    ScriptedServer& on(U32 code, Handler handler);
+    void on(U32 code, std::vector<Answer> replies, Host host = SOURCE);
+    void on(U32 code, Handler handler, Host host = SOURCE);
 
     /// Changes each answer, to the request at `index` of the trace; null to leave them as they are.
     std::function<Answer(std::size_t index, const Answer& answer)> disturb;
 
-    std::string codes();                 // of the trace, without the last blank
-    std::vector<std::string> requests(); // of the trace
+    /// The requests so far, in the order of their arrival: "12 28 9", for the hosts of a copy "s12
+    /// d28"; and the whole messages.
+    std::string codes();
+    std::vector<std::string> requests();
 
-    Answer greeting{be32(1)}; // to every new connection
-    std::string host = "127.0.0.1";
+    Answer greetings[2]{{be32(1)}, {be32(1)}}; // to every new connection of each host
     U16 port = 0;
 
 private:
-    void acceptConnections();
-    void serve(I32 s);
-    Answer answerTo(const std::string& request);
+    void run();
+    Host hostOf(I32 s) const;
+    Answer answerTo(const std::string& request, Host host);
 
-    std::string name;
-    Trace ownTrace;
-    Trace* pTrace;
+    const bool fTwoHosts;
     I32 listener;
-    std::map<U32, Handler> handlers; // guarded, as the trace is, by its mutex
-    std::mutex mutex;                // guards what follows
-    std::vector<I32> sockets;
-    std::vector<std::thread> threads;
-    std::thread acceptor;
+    std::mutex mutex; // guards what follows
+    std::map<U32, Handler> handlers[2];
+    std::vector<std::string> trace;
+    std::string traceCodes;
+    std::thread thread;
 };

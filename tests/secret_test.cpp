@@ -1,26 +1,24 @@
-// The password, once it has been checked: nowhere in the process.
+// The password: not shown as it is typed at the prompt and, once it has been checked, nowhere in
+// the process.
 #include "tests/run_program.h"
+#include "tests/scratch.h"
 #include "tests/scripted_server.h"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <fstream>
 #include <sstream>
 #include <unistd.h>
 
 static const std::string secret = "Kx!only-once#4711";
-
-static std::string contents(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
+static const std::string prompt = "\r\nKXADMIN 7.0a\r\nBy the kxadmin authors\r\nLocale: C\r\n"
+                                  "Enter the password for the account used to start KXSRV : ";
 
 /// Whether the secret is in memory that the process can read. Areas of a gigabyte and more are the
 /// sanitizers' books.
 static bool remembers(const std::string& process) {
     const int memory = open((process + "mem").c_str(), O_RDONLY | O_CLOEXEC);
-    std::istringstream maps(contents(process + "maps"));
+    std::istringstream maps(readFile(process + "maps"));
     bool fFound = false;
     for (std::string line; std::getline(maps, line);) {
         std::size_t begin = 0, end = 0;
@@ -36,7 +34,7 @@ static bool remembers(const std::string& process) {
     return fFound;
 }
 
-TEST(Secret, IsForgottenOnceItIsChecked) {
+TEST(Secret, IsHiddenAndForgottenOnceItIsChecked) {
     for (const Arguments& arguments : {Arguments{"stop", "-p", secret}, Arguments{"stop"}})
         for (const bool fChecked : {false, true}) {
             SCOPED_TRACE(testing::Message() << arguments.size() << " words, checked " << fChecked);
@@ -46,14 +44,17 @@ TEST(Secret, IsForgottenOnceItIsChecked) {
             TerminalRun run(KXADMIN_PROGRAM, arguments,
                             {{"KXSRV_CTRL_PORT", std::to_string(server.port)}});
             if (arguments.size() == 1) {
-                ASSERT_TRUE(run.waitForEcho(false));
+                ASSERT_TRUE(run.waitFor(prompt) && run.waitForEcho(false));
                 run.type(secret + "\n");
+                run.waitFor(prompt + "\r\n\r\n");
+                EXPECT_EQ(run.output, prompt + "\r\n\r\n");
             }
             while (!server.codes().ends_with(code))
                 usleep(1000);
+            EXPECT_TRUE(run.echoes());
             const std::string process = "/proc/" + std::to_string(run.process) + "/";
-            EXPECT_EQ(contents(process + "cmdline").find(secret), std::string::npos);
-            EXPECT_EQ(contents(process + "environ").find(secret), std::string::npos);
+            EXPECT_EQ(readFile(process + "cmdline").find(secret), std::string::npos);
+            EXPECT_EQ(readFile(process + "environ").find(secret), std::string::npos);
             EXPECT_EQ(remembers(process), !fChecked);
         }
 }
