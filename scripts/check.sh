@@ -17,9 +17,9 @@ cmake --preset release >/dev/null
 cmake --build --preset release --parallel "$(nproc)" --target kxadmin kxsandbox bare
 cmake --preset clang >/dev/null
 cmake --build --preset clang --parallel "$(nproc)" --target all bare
-for build in build build-clang; do
-    ctest --test-dir "$build" --quiet --no-tests=error -R '^Hardened$'
-done
+ctest --test-dir build --quiet --no-tests=error -R '^Hardened$'
+# The sanitizers hide what is left on a stack, so the password is looked for in a release.
+ctest --test-dir build-clang --quiet --no-tests=error -R '^(Hardened$|Secret[.])'
 
 echo "== Static analysis"
 # Suppressed: that the headers of the system are not looked at, they are not ours; advice to write a

@@ -20,7 +20,8 @@ namespace {
 /// A sandbox that serves its directory at a port of its own, with the password "secret".
 struct Sandbox : Scratch {
     explicit Sandbox(const Arguments& more = {"-P0", "-m16384"})
-        : run(KXSANDBOX_PROGRAM, {"-d", directory, "-psecret", more[0], more[1]}, {}) {
+        : run(KXSANDBOX_PROGRAM, {"-d", directory, "-psecret", more[0], more[1]},
+              {{"ASAN_OPTIONS", "quarantine_size_mb=1"}}) {
         EXPECT_TRUE(run.waitFor("\n"));
         port = static_cast<U16>(std::stoul(run.output.substr(run.output.find("port ") + 5)));
     }
@@ -86,12 +87,23 @@ static std::ptrdiff_t entries(pid_t process, const char* pszWhat) {
     return std::distance(Iterator("/proc/" + std::to_string(process) + "/" + pszWhat), Iterator());
 }
 
+static std::size_t residentPages(pid_t process) {
+    std::size_t all = 0, resident = 0;
+    std::ifstream("/proc/" + std::to_string(process) + "/statm") >> all >> resident;
+    return resident;
+}
+
 TEST(EndToEnd, ManyClientsLeaveNothingBehind) {
     Sandbox sandbox;
     const I32 s = sandbox.connect();
     const auto descriptors = entries(sandbox.run.process, "fd");
-    for (int i = 0; i < 10000; ++i)
+    std::size_t before = 0;
+    for (int i = 0; i < 10000; ++i) {
         socketClose(socketConnectToHost("127.0.0.1", sandbox.port));
+        if (i == 1000)
+            before = residentPages(sandbox.run.process);
+    }
+    EXPECT_LT(residentPages(sandbox.run.process), before + 1000);
     std::vector<I32> clients;
     int refused = 0;
     for (int i = 0; i < 200; ++i) {

@@ -2,6 +2,7 @@
 // ends by itself, says which step failed, claims no copy that is not equal, leaves no lock on a
 // link that works, no process, no file but its own and a terminal that echoes. Every step is
 // refused once; of the other faults KX_FAULTS=all tries every one, and otherwise a sample is tried.
+#include "client/exchange.h"
 #include "tests/file_server.h"
 #include "tests/scratch.h"
 
@@ -22,6 +23,7 @@ namespace {
 struct Step {
     std::string code, lost = "", refused = "", then = "...";
     int times = 1;
+    std::string next = ""; // what is said when the connection is lost behind it
 };
 
 struct Command {
@@ -141,13 +143,15 @@ static Ending run(const Command& command, const Harm& harm = {}) {
     std::copy_n(harm.greetings, 2, server.greetings);
     // A run that would not end is ended with status 124.
     const std::string script =
-        "cd " + scratch.directory + "; exec timeout --foreground 20 \"$0\" \"$@\" " + harm.streams;
-    Arguments words{"-c", script, KXADMIN_PROGRAM};
+        "cd " + scratch.directory + "; exec timeout --foreground 10 \"$0\" \"$@\" " + harm.streams;
+    Arguments words{"-o", "pipefail", "-c", script, KXADMIN_PROGRAM};
     words.insert(words.end(), command.arguments.begin(), command.arguments.end());
-    const Environment environment{{"KXSRV_CTRL_PORT", std::to_string(server.port)}};
+    const Environment environment{{"KXSRV_CTRL_PORT", std::to_string(server.port)},
+                                  {"HOME", scratch.directory},
+                                  {"TMPDIR", scratch.directory}};
     Ending ending;
     if (command.fPrompts) { // the input is typed at the prompt, or the signal comes there
-        TerminalRun onTerminal("/bin/sh", words, environment);
+        TerminalRun onTerminal("/bin/bash", words, environment);
         if (onTerminal.waitForEcho(false) && harm.iSignal != 0)
             kill(onTerminal.process, harm.iSignal);
         else if (!onTerminal.echoes())
@@ -157,7 +161,7 @@ static Ending run(const Command& command, const Harm& harm = {}) {
         std::erase(onTerminal.output, '\r');
         ending.outcome.out = onTerminal.output;
     } else {
-        ending.outcome = runProgram("/bin/sh", words, environment, command.input);
+        ending.outcome = runProgram("/bin/bash", words, environment, command.input);
     }
     ending.fCleared = ending.fCleared && waitpid(-1, nullptr, WNOHANG) < 0;
     for (const auto& entry : std::filesystem::directory_iterator(scratch.directory))
@@ -177,6 +181,12 @@ static std::vector<Step> stepsOf(const Command& command) {
         step.refused = step.refused == "=" ? step.lost : step.refused;
         all.insert(all.end(), static_cast<std::size_t>(step.times), step);
     }
+    for (auto step = all.begin(); step != all.end(); ++step) {
+        const auto next = std::find_if(
+            step + 1, all.end(), [&](const Step& other) { return other.code[0] == step->code[0]; });
+        if (next != all.end() && !step->code.ends_with("10")) // which ends its connection
+            step->next = next->lost;
+    }
     return all;
 }
 
@@ -188,22 +198,25 @@ static std::string codesOf(const std::vector<Step>& steps, std::size_t count) {
     return codes;
 }
 
-/// The oracle. `message` has to be told, if it is one; `cServer` is the server whose link is
-/// broken.
+/// The oracle. `message` has to be told, if it is one, and nothing claimed beside it; `cServer` is
+/// the server whose link is broken.
 static bool survives(const Ending& run, const std::string& message = "", char cServer = '-') {
     const std::string all = run.outcome.out + run.outcome.err;
     const std::string behindLock =
         run.codes.substr(std::min(run.codes.find("s47"), run.codes.size()));
+    const bool fTransferred = behindLock.find("s36") != std::string::npos;
     const bool fReleased = cServer == 's' || behindLock.empty() ||
                            behindLock.find("s48") != std::string::npos ||
-                           behindLock.find("s2") != std::string::npos ||
-                           behindLock.find("s10") != std::string::npos; // with the connection
+                           (!fTransferred && behindLock.find("s10") != std::string::npos);
+    for (const char* pszClaim : {" copied to ", " appears to be a valid", " finished.", " killed."})
+        if (!message.empty() && run.said.find(pszClaim) != std::string::npos &&
+            message.find(pszClaim) == std::string::npos)
+            return false;
     const bool fClaimed = run.said.find(" copied to 127.0.0.2") != std::string::npos;
     return run.outcome.status == 0 && run.said.starts_with(banner) && fReleased && run.fCleared &&
            all.find("Sanitizer") == std::string::npos &&
            all.find("runtime error") == std::string::npos &&
-           run.said.find(message) != std::string::npos &&
-           (!fClaimed || (run.fEqual && message.empty()));
+           run.said.find(message) != std::string::npos && (!fClaimed || run.fEqual);
 }
 
 /// Whether the run said and asked what the whole one does up to step `i`, and from there on what an
@@ -277,7 +290,7 @@ TEST(Faults, LosesTheConnection) {
               const std::size_t size = answer.bytes.size();
               const std::size_t edges[] = {13, (12 + size) / 2, size - 1, size};
               const std::size_t cut = std::min(size, v / 2 < 12 ? v / 2 : edges[v / 2 - 12]);
-              *pMessage = cut < size ? step.lost : "";
+              *pMessage = cut < size ? step.lost : step.next;
               return Answer{answer.bytes.substr(0, cut), v % 2 ? Answer::RESET : Answer::CLOSE};
           });
 }
@@ -322,11 +335,16 @@ TEST(Faults, IsLiedTo) {
     static const U32 lengths[] = {0,     1,          32767,      32768,     32769,
                                   65535, 0x7FFFFFFF, 0x80000000, UINT32_MAX};
     sweep(Row("lying lengths", 31), commands, 3 * std::size(lengths), LINK,
-          [](const Step&, std::size_t v, const Answer& answer, std::string*) {
+          [](const Step& step, std::size_t v, const Answer& answer, std::string* pMessage) {
               std::string lie = answer.bytes;
               for (const std::size_t field : {1U, 2U})
                   if (v % 3 == 2 || v % 3 == field - 1)
                       lie.replace(4 * field, 4, be32(lengths[v / 3]));
+              // All comes that is announced, as far as it is small; too much is too much all the
+              // same.
+              const U64 announced = U64{getNumber(&lie[4])} + getNumber(&lie[8]);
+              lie.resize(12 + std::min<U64>(announced, 140000), 'x');
+              *pMessage = announced > 32768 ? step.lost : "";
               return Answer{lie, Answer::CLOSE};
           });
     sweep(Row("flipped header bits", 97), std::vector(commands, commands + 3), 96, LINK,
@@ -334,6 +352,35 @@ TEST(Faults, IsLiedTo) {
               std::string flipped = answer.bytes;
               flipped[v / 8] = static_cast<char>(flipped[v / 8] ^ 1 << v % 8);
               return Answer{flipped, Answer::CLOSE};
+          });
+}
+
+TEST(Faults, PrintsHostileTexts) {
+    std::string all;
+    for (int c = 1; c < 256; ++c)
+        all += static_cast<char>(c);
+    const std::string line = std::string(78, '=') + "\n",
+                      shown = all.substr(0, 9) + "\r" + all.substr(9);
+    const std::string full(32768, '%');
+    // What the server sends, and what is to be seen of it.
+    const std::pair<std::string, std::string> texts[] = {{all, shown},
+                                                         {"%n%s%1000000d", "%n%s%1000000d"},
+                                                         {"no line feed", "no line feed"},
+                                                         {"a\0hidden"s, "a"},
+                                                         {full, full}};
+    sweep(Row("hostile text"), std::size(texts),
+          [&](Row& row, const Command& command, std::size_t v) {
+              const std::string code = command.steps[3].code,
+                                end = command.arguments.size() == 1 ? line : "\n";
+              if (code != "s13" && code != "s14" && code != "s15" && code != "s21" && code != "s24")
+                  return;
+              const auto disturb = [&](std::size_t index, const Answer& answer) {
+                  return index == 3 ? reply(0, texts[v].first) : answer;
+              };
+              const Ending result = run(command, {.disturb = disturb});
+              row.judge(survives(result) &&
+                            result.said == banner + ("\n" + line) + texts[v].second + end,
+                        result, texts[v].second);
           });
 }
 

@@ -92,10 +92,6 @@ TEST(Program, RunsItsCommands) {
     const std::string invalid = "Password is invalid.\nChange logging level cancelled.\n";
     const std::string stopped = "\nServer has been scheduled to stop.\n";
     const std::string onPxsrv = "Supported PXSRV commands are OPTS and STOP only.\n";
-    std::string all, x32768(32768, 'x');
-    for (int c = 1; c < 256; ++c)
-        all += static_cast<char>(c);
-    const std::string shown = std::string(all).replace(9, 1, "\r\n");
     const Answer refused = reply(5, "no"), pxsrv = reply(0, be32(1)), six = reply(0, be32(6) + "x");
     // clang-format off
     const struct {
@@ -108,10 +104,6 @@ TEST(Program, RunsItsCommands) {
         {"STATISTICS -q", open + "up\r\n100%s\r\n" + line, " 13 10", {{13, reply(0, "up\n100%s\n")}}},
         {"Logs 127.0.0.1 ignored", open + "one\r\ntwo" + line, " 14 10", {{14, reply(2, "one\ntwo")}}},
         {"list 127.0.0.1", open + "Could not get connection list on 127.0.0.1.\n", " 14 10", {{14, reply(-3)}}},
-        {"stat", open + shown + line, " 13 10", {{13, reply(0, all)}}}, {"list", open + x32768 + line, " 14 10", {{14, reply(0, x32768)}}},
-        {"list -s1", open + "%n%s%1000000d\n", " 15:00000001 10", {{15, reply(0, "%n%s%1000000d")}}},
-        {"list -l1", open + x32768 + "\n", " 21:00000001 10", {{21, reply(0, x32768)}}},
-        {"opts", open + x32768 + line, " 24 10", {{24, reply(0, x32768)}}}, {"opts", open + "a" + line, " 24 10", {{24, reply(0, "a\0hidden"s)}}},
         {"list -s9999", open + "s\r\n\n", " 15:0000270f 10", {{15, reply(0, "s\n")}}},
         {"list -l7x", open + "l\r\n\n", " 21:00000007 10", {{21, reply(0, "l\n")}}},
         {"o -l5", open + "o\r\n" + line, " 24 10", {{24, reply(0, "o\n")}}},

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <regex>
 #include <sstream>
 #include <unistd.h>
 
@@ -56,5 +57,7 @@ TEST(Secret, IsHiddenAndForgottenOnceItIsChecked) {
             EXPECT_EQ(readFile(process + "cmdline").find(secret), std::string::npos);
             EXPECT_EQ(readFile(process + "environ").find(secret), std::string::npos);
             EXPECT_EQ(remembers(process), !fChecked);
+            EXPECT_TRUE(std::regex_search(readFile(process + "limits"), // so small, none is written
+                                          std::regex("Max core file size +[01] ")));
         }
 }
