@@ -62,9 +62,10 @@ survived() {
     if grep -q "$2" "$3"; then
         [ "$2" != "$copied" ] || cmp -s a.rep b.rep
     else
-        # Refused the version or the data limit, a copy ends with what it has said so far.
-        tail -n 1 out | grep -q '^Connected to ' ||
-            grep -q -i -E 'error|fail|invalid|inaccessible|too small|unable|could not|^[1-8]$' \
+        # Refused the version or the data limit, a command ends with what it has said so far.
+        # When it is done, the line that fails to be written may have been the one that says so.
+        tail -n 1 out | grep -q -E '^(Locale: |Connected to )' || cmp -s a.rep b.rep ||
+            grep -q -i -E 'error|fail|invalid|inaccessible|too small|unable|not active|^[1-8]$' \
                 out err "$3"
     fi
 }
@@ -76,6 +77,7 @@ inject() {
     local call=$1 error=$2 done=$3 file=$4
     shift 4
     local tried=0 survived=0 first total n status
+    rm -f b.rep
     in_sandbox strace -o calls "$@" >/dev/null 2>&1
     first=$(sed '/\/dev\/null/,$d' calls | grep -c "^$call(" || true)
     total=$(grep -c "^$call(" calls || true)
@@ -134,7 +136,7 @@ while IFS='|' read -r command end; do
 done <<'END'
 stat|^=====
 list|^=====
-list -s 1|Connection  *1$
+list -s 1|Connection  *1
 list -l 1|locks
 opts|^=====
 opts -s 1 -p|set to .Warning
