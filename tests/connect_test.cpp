@@ -78,19 +78,19 @@ TEST(Connect, TakesTheGreeting) {
     // clang-format off
     const struct {
         std::string greeting;
-        Answer address;
+        std::vector<Answer> address;
         I32 result, next; // next: what a request after it comes to
         std::string codes;
     } rows[] = {
-        {id, reply(0, "1234"), 0, 0, "12 2"}, {id, reply(-3), -244, 0, "12 2"}, {id, reply(0, "12345"), -244, 0, "12 2"},
-        {be32(0), {}, -247, -243, ""}, {id.substr(0, 3), {}, -244, -243, ""}, {id, {"", Answer::CLOSE}, -244, -243, "12"}};
+        {id, {reply(0, "1234")}, 0, 0, "12 2"}, {id, {reply(-3)}, -244, 0, "12 2"}, {id, {reply(0, "12345")}, -244, 0, "12 2"},
+        {be32(0), {}, -247, -243, ""}, {id.substr(0, 3), {}, -244, -243, ""}, {id, {{"", Answer::CLOSE}}, -244, -243, "12"}};
     // clang-format on
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << row.result << " " << row.codes);
         ScriptedServer server;
         server.greetings[0] = {row.greeting,
                                row.greeting.size() < 4 ? Answer::CLOSE : Answer::GO_ON};
-        server.on(12, {row.address});
+        server.on(12, row.address);
         CONNECT_PARAMS record{};
         record.host = "localhost";
         // The number wraps at 16 bits and ends at the first character that is no digit.

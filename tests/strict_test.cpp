@@ -64,6 +64,7 @@ TEST(Strict, KnowsEveryMessage) {
 TEST(Strict, TellsHowACommandEnded) {
     Scratch scratch;
     scratch.write("a.rep", "4321\5" + std::string(2000, '\0'));
+    scratch.write("stty", "printf 'No terminal ' >&2"); // not a whole line
     // clang-format off
     const struct { int status; std::string command, input{}; } rows[] = {
         {0, "stat"}, {0, "list -s 1"}, {0, "opts"}, {0, "opts -s2", "pw\n"}, {0, "stop -p pw", "y\n"},
@@ -77,7 +78,8 @@ TEST(Strict, TellsHowACommandEnded) {
         {4, "copy -p pw a.rep b.rep", "n\n"}, {4, "copy -p pw a.rep b.rep"},
     };
     // clang-format on
-    const std::string start = "cd " + scratch.directory + "; rm -f new; exec " + strict + " ";
+    const std::string start =
+        "cd " + scratch.directory + "; chmod +x stty; rm -f new; PATH=.:$PATH exec " + strict + " ";
     Arguments arguments = {"-d", scratch.directory, "-p", "pw", "--", "sh", "-c", ""};
     for (const auto& row : rows) {
         scratch.write("old", "0\n");
