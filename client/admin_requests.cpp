@@ -100,9 +100,9 @@ I32 managerGetVersion(CONNECT_PARAMS* pcp) {
         return rc;
     const U32 u32Length = Reply.Header.Result_Length;
     const auto* pText = reinterpret_cast<const char*>(Reply.Padding);
-    const std::size_t textLength = strnlen(pText, u32Length);
-    storeCutText(pcp->versionStr, pText, textLength);
-    const std::size_t behind = textLength + 1;
+    const std::size_t length = textLength(pText, u32Length);
+    storeCutText(pcp->versionStr, pText, length);
+    const std::size_t behind = length + 1;
     pcp->versionId = 0;
     if (behind + sizeof pcp->versionId <= u32Length)
         std::memcpy(&pcp->versionId, pText + behind, sizeof pcp->versionId);

@@ -142,7 +142,7 @@ static I32 takeResult() {
     if (result > 0) {
         ManagerSysErrno = static_cast<U32>(result);
         const auto* pText = reinterpret_cast<const char*>(Reply.Padding);
-        storeCutText(ManagerErrorText, pText, strnlen(pText, Reply.Header.Result_Length));
+        storeCutText(ManagerErrorText, pText, textLength(pText, Reply.Header.Result_Length));
         ManagerErrno = 0;
         return -result;
     }
@@ -174,12 +174,12 @@ static I32 connectWithRetries(const char* host, U16 port) {
         s = socketConnectToHost(host, port);
         if (s >= 0)
             break;
-        std::fprintf(stderr, "\rConnection to [%s] port [%d] failed.  Retrying [%u]  ", host, port,
-                     retries);
+        printTo(stderr, "\rConnection to [%s] port [%d] failed.  Retrying [%u]  ", host, port,
+                retries);
         sleep(1);
     }
     if (retries != ManagerConnectRetries)
-        std::fprintf(stderr, s >= 0 ? "\r%-63s\n" : "\r%63s\r", s >= 0 ? "Connected" : "");
+        printTo(stderr, s >= 0 ? "\r%-63s\n" : "\r%63s\r", s >= 0 ? "Connected" : "");
     return s;
 }
 

@@ -1,5 +1,6 @@
 #include "front/cmdline.h"
 
+#include "front/console.h"
 #include "front/mbcs.h"
 
 #include <algorithm>
@@ -35,7 +36,9 @@ static void moveSkippedBehindOptions(char** argv) {
     if (iFirstNonOpt == iLastNonOpt) {
         iFirstNonOpt = iOptInd;
     } else if (iLastNonOpt != iOptInd) {
-        std::rotate(argv + iFirstNonOpt, argv + iLastNonOpt, argv + iOptInd);
+        std::reverse(argv + iFirstNonOpt, argv + iLastNonOpt);
+        std::reverse(argv + iLastNonOpt, argv + iOptInd);
+        std::reverse(argv + iFirstNonOpt, argv + iOptInd);
         iFirstNonOpt += iOptInd - iLastNonOpt;
     }
     iLastNonOpt = iOptInd;
@@ -84,7 +87,7 @@ static int takeCharacter() {
 
 static int refuse(const char* pszCommand, const char* pszWhy, int c) {
     if (iOptErr != 0)
-        std::fprintf(stderr, "%s: %s -- %c\n", pszCommand, pszWhy, c);
+        printTo(stderr, "%s: %s -- %c\n", pszCommand, pszWhy, c);
     iOptOpt = c;
     return '?';
 }

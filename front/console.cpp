@@ -9,7 +9,15 @@
 #include <cstdlib>
 #include <unistd.h>
 
+/// Characters of a locale's name that are shown; with one setting per category it can be longer.
+static constexpr int LOCALE_NAME_SHOWN = 84;
+
 static const int promptSignals[] = {SIGQUIT, SIGHUP, SIGTERM, SIGINT};
+
+static void endLine() {
+    std::putchar('\n');
+    std::fflush(stdout);
+}
 
 void displayConsoleMessage(const char* format, ...) {
     if (testInfo.fOutputToFile != 0)
@@ -19,17 +27,29 @@ void displayConsoleMessage(const char* format, ...) {
     va_start(args, format);
     std::vprintf(format, args);
     va_end(args);
-    std::putchar('\n');
-    std::fflush(stdout);
+    endLine();
 }
 
 void displayEmptyLine() {
-    displayConsoleMessage("%s", "");
+    if (testInfo.fOutputToFile == 0)
+        endLine();
 }
 
 void displayInAnyMode(const char* pszMessage) {
-    std::fprintf(stdout, "%s\n", pszMessage);
-    std::fflush(stdout);
+    printTo(stdout, "%s\n", pszMessage);
+}
+
+__attribute__((format(printf, 2, 0))) static void printArguments(std::FILE* hf, const char* format,
+                                                                 va_list args) {
+    std::vfprintf(hf, format, args);
+    std::fflush(hf);
+}
+
+void printTo(std::FILE* hf, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    printArguments(hf, format, args);
+    va_end(args);
 }
 
 void logTempFileMessage(std::FILE* hf, const char* format, ...) {
@@ -37,9 +57,8 @@ void logTempFileMessage(std::FILE* hf, const char* format, ...) {
         return;
     va_list args;
     va_start(args, format);
-    std::vfprintf(hf, format, args);
+    printArguments(hf, format, args);
     va_end(args);
-    std::fflush(hf);
 }
 
 void closeTempFile(TestInfo* pti) {
@@ -47,9 +66,9 @@ void closeTempFile(TestInfo* pti) {
     const bool fClosed = std::fclose(pti->hTempFile) == 0;
     pti->hTempFile = nullptr;
     if (!fWritten)
-        std::fprintf(stderr, "Error writing temporary file %s.\n", pti->szTempFile);
+        printTo(stderr, "Error writing temporary file %s.\n", pti->szTempFile);
     if (!fClosed)
-        std::fprintf(stderr, "Error closing temporary file %s\n.", pti->szTempFile);
+        printTo(stderr, "Error closing temporary file %s\n.", pti->szTempFile);
 }
 
 int MBgetch() {
@@ -60,10 +79,10 @@ BOOLEAN confirm(const char* message) {
     for (int c = 0; c != EOF;) {
         if (c != '\n' && c != '\r')
             displayConsoleMessage("%s (Y/N)?", message);
-        c = std::toupper(MBgetch());
-        if (c == 'Y')
+        c = MBgetch();
+        if (c == 'Y' || c == 'y')
             return 1;
-        if (c == 'N')
+        if (c == 'N' || c == 'n')
             return 0;
     }
     return 0;
@@ -89,30 +108,24 @@ int isValidNumber(const char* str, int size) {
     return 0;
 }
 
-static void print(const char* pBegin, const char* pEnd) {
-    std::fwrite(pBegin, 1, static_cast<std::size_t>(pEnd - pBegin), stdout);
-}
-
 int parseAndPrintBuffer(const char* buffer, std::size_t size) {
-    const char* const pEnd = buffer + strnlen(buffer, size);
-    const char* pLine = buffer;
-    while (const void* p = std::memchr(pLine, '\n', static_cast<std::size_t>(pEnd - pLine))) {
-        const char* const pLineFeed = static_cast<const char*>(p);
-        print(pLine, pLineFeed);
-        std::fputs("\r\n", stdout);
-        pLine = pLineFeed + 1;
+    const char* const pEnd = buffer + textLength(buffer, size);
+    for (const char* p = buffer; p != pEnd;) {
+        if (*p == '\n')
+            std::putchar('\r');
+        // A line feed goes out at the head of the line that follows it.
+        const char* const pLineFeed = findByte(p + 1, pEnd, '\n');
+        std::fwrite(p, 1, static_cast<std::size_t>(pLineFeed - p), stdout);
+        p = pLineFeed;
     }
-    print(pLine, pEnd);
     return 0;
 }
 
 void displayCodePage() {
-    static const char szMultibyte[] = " (MBCS)";
-    char szBuffer[100];
-    const char* pszName = std::setlocale(LC_ALL, nullptr);
-    std::snprintf(szBuffer, sizeof szBuffer - std::strlen(szMultibyte), "Locale: %s",
-                  pszName != nullptr ? pszName : "Unknown");
-    displayConsoleMessage("%s%s", szBuffer, MB_CUR_MAX > 1 ? szMultibyte : "");
+    const char* const pszName = std::setlocale(LC_ALL, nullptr);
+    displayConsoleMessage("Locale: %.*s%s", LOCALE_NAME_SHOWN,
+                          pszName != nullptr ? pszName : "Unknown",
+                          MB_CUR_MAX > 1 ? " (MBCS)" : "");
 }
 
 void setTerminalEcho(bool fOn) {

@@ -16,6 +16,10 @@ void displayEmptyLine();
 /// As displayConsoleMessage, for the few messages that file mode does not silence.
 void displayInAnyMode(const char* pszMessage);
 
+/// Prints on `hf` and flushes it, adding no line feed; file mode does not silence it. Write errors
+/// stay in the stream for whoever closes it.
+void printTo(std::FILE* hf, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
 /// Writes to the report file `hf` and flushes it, adding no line feed; nothing outside file mode.
 /// Write errors stay in the stream for whoever closes it.
 void logTempFileMessage(std::FILE* hf, const char* format, ...)

@@ -3,7 +3,6 @@
 #include "front/console.h"
 #include "front/options.h"
 
-#include <cctype>
 #include <cstdio>
 
 namespace {
@@ -28,8 +27,9 @@ static constexpr CommandWord commands[] = {
     {"TEST", 1, OPERATION_TEST},   {"HELP", 1, SHOW_USAGE},
 };
 
-static int upper(char c) {
-    return std::toupper(static_cast<unsigned char>(c));
+/// Command words are the same in every locale.
+static constexpr char upper(char c) {
+    return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
 }
 
 static bool asksForHelp(const char* arg) {

@@ -219,7 +219,7 @@ I32 prepareTest() {
     }
     testInfo.hTempFile = basicOpenTempFile(testInfo.szTempFile);
     if (testInfo.hTempFile == nullptr) {
-        std::fprintf(stderr, "Error creating temporary file %s.\n", testInfo.szTempFile);
+        printTo(stderr, "Error creating temporary file %s.\n", testInfo.szTempFile);
         return -1;
     }
     return ACCEPTED;

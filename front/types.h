@@ -1,6 +1,6 @@
 // The types that every room of the house shares: integers of stated width, the records that one
-// room fills and another reads, and the two helpers by which a text is stored in a fixed array.
-// Nothing here runs on its own and nothing here is state; the instances live in settings.h.
+// room fills and another reads, and the helpers by which a text is measured and stored in a fixed
+// array. Nothing here runs on its own and nothing here is state; the instances live in settings.h.
 #pragma once
 
 #include <algorithm>
@@ -72,6 +72,17 @@ template<std::size_t N> bool storeText(char (&szTarget)[N], const char* psz) {
         return false;
     std::memcpy(szTarget, psz, length + 1);
     return true;
+}
+
+/// The first byte `c` from `pBegin` on, or `pEnd`.
+inline const char* findByte(const char* pBegin, const char* pEnd, char c) {
+    const void* const p = std::memchr(pBegin, c, static_cast<std::size_t>(pEnd - pBegin));
+    return p != nullptr ? static_cast<const char*>(p) : pEnd;
+}
+
+/// How much of the `size` bytes at `pText` is text: what stands before a NUL, or all of it.
+inline std::size_t textLength(const char* pText, std::size_t size) {
+    return static_cast<std::size_t>(findByte(pText, pText + size, '\0') - pText);
 }
 
 /// Stores as much of the `length` bytes at `pText` as fits, and a NUL.

@@ -30,7 +30,7 @@ static std::FILE* openResults(const char* benchLog) {
     if (benchLog[0] != '\0') {
         hf = std::fopen(benchLog, "w+");
         if (hf == nullptr)
-            std::fprintf(stderr, "open: %s\n", std::strerror(errno));
+            printTo(stderr, "open: %s\n", std::strerror(errno));
     }
     if (hf == nullptr) {
         displayConsoleMessage("Error creating log file.");
@@ -44,7 +44,7 @@ static void closeResults(std::FILE* hf, const char* benchLog) {
     const bool fWritten = std::ferror(hf) == 0;
     const bool fClosed = std::fclose(hf) == 0;
     if (!fWritten || !fClosed)
-        std::fprintf(stderr, "Error writing log file %s.\n", benchLog);
+        printTo(stderr, "Error writing log file %s.\n", benchLog);
 }
 
 static void writeScratch(I32 s) {
@@ -90,7 +90,7 @@ static bool measure(I32 s, I32 size, U32 SweepSize, std::FILE* hf) {
             return false;
     }
     const int elapsed = static_cast<int>(milliseconds() - start);
-    std::fprintf(hf, "%d , %d \n", size, elapsed);
+    printTo(hf, "%d , %d \n", size, elapsed);
     displayConsoleMessage(".");
     return true;
 }

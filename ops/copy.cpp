@@ -34,7 +34,7 @@ static void advance(Position* pPosition, U32 n) {
 }
 
 static void showProgress(const Position& position) {
-    std::fprintf(stderr, "\r[%u:%u]    ", position.high, position.low);
+    printTo(stderr, "\r[%u:%u]    ", position.high, position.low);
 }
 
 /// Moves chunks of `maxAmt` bytes from source `ss` to destination `ds` by way of `buffer`, until a

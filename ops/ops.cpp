@@ -39,16 +39,14 @@ static std::size_t readLine(char (&junk)[512]) {
 static U32 promptForPassword(PasswordStruct* passwd) {
     restoreEchoOnSignals();
     if (ServerType == SERVER_TYPE_KXSRV || ServerType == SERVER_TYPE_PXSRV)
-        std::printf("Enter the password for the account used to start %s: ",
-                    ServerType == SERVER_TYPE_KXSRV ? "KXSRV " : "PXSRV ");
-    std::fflush(stdout);
+        printTo(stdout, "Enter the password for the account used to start %s: ",
+                ServerType == SERVER_TYPE_KXSRV ? "KXSRV " : "PXSRV ");
     setTerminalEcho(false);
     char junk[512];
-    const std::size_t length = strnlen(junk, readLine(junk)); // a password ends at a NUL
+    const std::size_t length = textLength(junk, readLine(junk)); // a password ends at a NUL
     storeCutText(passwd->name, junk, length);
     explicit_bzero(junk, sizeof junk);
-    std::fputs("\n\n", stdout);
-    std::fflush(stdout);
+    printTo(stdout, "\n\n");
     setTerminalEcho(true);
     return static_cast<U32>(length);
 }

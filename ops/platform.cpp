@@ -60,8 +60,7 @@ std::FILE* basicOpenTempFile(const char* szFileName) {
     int fd = open(szFileName, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (fd < 0 && errno == EEXIST) {
         fd = open(szFileName, O_RDWR | O_TRUNC | O_CLOEXEC, 0666);
-        std::printf("2nd open returned %d, errno = %d.\n", fd, errno);
-        std::fflush(stdout);
+        printTo(stdout, "2nd open returned %d, errno = %d.\n", fd, errno);
     }
     if (fd < 0)
         return nullptr;

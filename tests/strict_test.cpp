@@ -19,13 +19,13 @@ A numeric value is required. | Are you sure you want to stop the server? | where
 Bench test finished. | Bench test running, please wait. | Only one of -s or -l can be specified.
 By the kxadmin authors | Connected to %s server | WARNING: Destination file exists - overwrite
 Connecting to KXSRV at host [%s] | connection stats | Locked library of size %lu:%lu bytes.
-Connection to [%s] port [%d] failed.  Retrying [%u] | Unrecognized command option [%s]. | Locale: %s
+Connection to [%s] port [%d] failed.  Retrying [%u] | Unrecognized command option [%s].
 Duplicate parameter for password | duplicate parameter for password | Lock attempt failed - retrying
 File size changed between check and lock - retrying | There are %d active connections. | stty -echo
 invalid option | Invalid parameter [%s] | KXADMIN 7.0a | There is 1 active connection. | lock list
 Locking entire source file. | open: %s | option requires an argument | Source file size %d blocks.
 Please check path. | Repository path must be specified using -r for test command. | stty echo
-Source and destination repositories must be specified. | Writing data to %s.
+Source and destination repositories must be specified. | Writing data to %s. | Locale: %.*s%s
 Temporary file path must be specified using -f for test command.
 Could not connect to an KXSRV on %s:%d. Ensure that you have the correct server address and port number and that KXSRV is running on that machine.)";
 
