@@ -106,7 +106,7 @@ static I32 sendRequest(I32 s, REQUEST_HEADER* pRequest, U32 u32Opcode, U32 u32Pa
 
 static bool receiveAll(I32 s, void* pTarget, U32 u32Length) {
     const I32 length = static_cast<I32>(u32Length);
-    return socketReceiveBuffer(s, pTarget, length) == length;
+    return length == 0 || socketReceiveBuffer(s, pTarget, length) == length;
 }
 
 /// Receives a whole reply into Reply, or its data where `data` says. Returns 0 or a negated local
