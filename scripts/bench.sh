@@ -108,6 +108,11 @@ equal() {
     done
 }
 
+# quotient <number> <number>: with two decimals.
+quotient() {
+    awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f\n", a / b; else print "-" }'
+}
+
 # Median, least and greatest of the numbers on standard input.
 spread() {
     sort -g | awk '{ x[NR] = $1 } END {
@@ -117,7 +122,7 @@ spread() {
 # ratio <column> <contestant> <contestant>: of the second one's figures to the first one's.
 ratio() {
     paste -d ' ' "$work/times.$2" "$work/times.$3" |
-        awk -v c="$1" '{ print ($c > 0 ? $(c + 3) / $c : 1) }' | spread
+        awk -v c="$1" '{ print $(c + 3) / $c }' | spread
 }
 
 # median <column> <contestant> <factor>: of its figures, as <factor> divided by them, or times them
@@ -125,6 +130,11 @@ ratio() {
 median() {
     sort -g -k "$1,$1" "$work/times.$2" | awk -v c="$1" -v f="$3" '{ x[NR] = $c } END {
         m = x[int((NR + 1) / 2)]; printf "%.3g\n", (f ~ /^x/ ? m * substr(f, 2) : f / m) }'
+}
+
+# per_gib <column> <contestant> <MiB a run>: the total of its figures, for each GiB.
+per_gib() {
+    awk -v c="$1" -v m="$3" '{ t += $c } END { printf "%.3f\n", t * 1024 / (m * NR) }' "$work/times.$2"
 }
 
 header() {
@@ -156,12 +166,9 @@ cat "$source"/256.rep "$source"/256.rep "$source"/256.rep "$source"/256.rep >"$s
 
 # Less is copied where a chunk is smaller: what counts is the time of a chunk, and this one's.
 header "1. copy between two servers: throughput of kxadmin, the bare loop's being 1"
+declare -A size_at=([32768]=256 [16384]=64 [4096]=32)
 for limit in 32768 16384 4096; do
-    case $limit in
-    32768) use 256 ;;
-    16384) use 64 ;;
-    4096) use 32 ;;
-    esac
+    use "${size_at[$limit]}"
     start_servers "$limit"
     alternate kxadmin_copy bare_copy
     equal kxadmin.rep bare.rep
@@ -187,22 +194,29 @@ calls() {
     awk '$NF == "total" { print $4 }' "$work/calls"
 }
 instructions() {
-    tracer=(valgrind --tool=callgrind "--callgrind-out-file=/dev/null" "--log-file=$work/log")
+    # They depend on the environment, which is searched.
+    tracer=(env -i "PATH=$PATH" LC_ALL=C "KXSRV_CTRL_PORT=$KXSRV_CTRL_PORT" valgrind
+        --tool=callgrind --callgrind-out-file=/dev/null "--log-file=$work/log")
     "$1" >/dev/null 2>&1
     awk '/Collected/ { print $NF }' "$work/log"
 }
 
-header "2. what the client spends on that copy at 32768: kxadmin, the bare loop, and the ratio"
-start_servers 32768
+# The kernel counts CPU time by sampling its ticks: one run has a few of them in user mode, only all
+# runs together tell something.
+header "2. what the client spends on those copies: kxadmin, the bare loop, and the ratio"
 row() { printf '  %-34s %10s %10s   %s\n' "$@"; }
-row 'user CPU seconds per GiB' "$(median 2 kxadmin_32768 x4)" "$(median 2 bare_32768 x4)" \
-    "$(ratio 2 bare_32768 kxadmin_32768)"
-row 'all CPU seconds per GiB' "$(median 3 kxadmin_32768 x4)" "$(median 3 bare_32768 x4)" \
-    "$(ratio 3 bare_32768 kxadmin_32768)"
+compare() { row "$1" "$2" "$3" "$(quotient "$2" "$3")"; }
+for limit in 32768 16384 4096; do
+    for column in '2 user' '3 all'; do
+        read -r column what <<<"$column"
+        compare "$what CPU seconds per GiB at $limit" \
+            "$(per_gib "$column" "kxadmin_$limit" "${size_at[$limit]}")" \
+            "$(per_gib "$column" "bare_$limit" "${size_at[$limit]}")"
+    done
+done
+start_servers 32768
 for what in calls instructions; do
-    ours=$(per_chunk kxadmin_copy "$what")
-    theirs=$(per_chunk bare_copy "$what")
-    row "$what per chunk" "$ours" "$theirs" "$(awk "BEGIN { printf \"%.2f\", $ours / $theirs }")"
+    compare "$what per chunk" "$(per_chunk kxadmin_copy "$what")" "$(per_chunk bare_copy "$what")"
 done
 tracer=()
 
@@ -212,9 +226,7 @@ alternate kxadmin_stat bare_stat
 row 'milliseconds' "$(median 1 kxadmin_stat x10)" "$(median 1 bare_stat x10)" \
     "$(ratio 1 bare_stat kxadmin_stat)"
 times=1
-ours=$(instructions kxadmin_stat)
-theirs=$(instructions bare_stat)
-row 'instructions' "$ours" "$theirs" "$(awk "BEGIN { printf \"%.2f\", $ours / $theirs }")"
+compare 'instructions' "$(instructions kxadmin_stat)" "$(instructions bare_stat)"
 tracer=()
 
 header "4. the same 256 MiB by other means: throughput of kxadmin, the other's being 1"
