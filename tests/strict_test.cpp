@@ -70,7 +70,7 @@ TEST(Strict, TellsHowACommandEnded) {
         {0, "stat"}, {0, "list -s 1"}, {0, "opts"}, {0, "opts -s2", "pw\n"}, {0, "stop -p pw", "y\n"},
         {0, "test -ra.rep"}, {0, "test -r a.rep -q -f old"}, {0, "test -ra.rep -p x -fnew"},
         {0, "bench -t x -c1024 -l log"}, {0, "copy -p pw a.rep b.rep"}, {0, "copy -qop pw a.rep b.rep"},
-        {0, "copy -p pw -f 'echo Copy cancelled.;cp' a.rep b.rep"}, {0, "copy -p pw a.rep b.rep", "y\n"},
+        {0, "copy -p pw -f 'echo Copy cancelled.;echo Path [] is too long.>&2;cp' a.rep b.rep"}, {0, "copy -p pw a.rep b.rep", "y\n"},
         {1, ""}, {1, "stat -x"}, {1, "copy -p pw a.rep"}, {1, "bench -c1"}, {1, "test -f new"}, {1, "opts -s4 -p pw"},
         {2, "test -ra.rep -P1 -f old"}, {3, "list -s 77"}, {3, "opts -s1 -p no"}, {3, "test -r none"},
         {3, "test -r none -f old"}, {3, "test -f old -r " + std::string(1100, 'x')}, {3, "bench -c1024 -l /dev/full"},
