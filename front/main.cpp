@@ -3,6 +3,7 @@
 #include "front/version.h"
 #include "net/socket.h"
 
+#include <algorithm>
 #include <clocale>
 #include <csignal>
 #include <cstdio>
@@ -12,8 +13,11 @@
 /// A core dump would hold the password, if one was given. One byte, not none: a limit of 0 does not
 /// keep the kernel from handing the dump to a program that collects them.
 static void leaveNoCore() {
-    static constexpr rlimit oneByte{1, 1};
-    setrlimit(RLIMIT_CORE, &oneByte);
+    rlimit limit;
+    if (prlimit(0, RLIMIT_CORE, nullptr, &limit) == 0) {
+        limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 1);
+        prlimit(0, RLIMIT_CORE, &limit, nullptr);
+    }
 }
 
 /// Every message is flushed, so a buffer serves a terminal too; being given one, the library asks
