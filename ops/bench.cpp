@@ -2,6 +2,7 @@
 #include "front/console.h"
 #include "front/settings.h"
 #include "ops/ops.h"
+#include "ops/platform.h"
 
 #include <cerrno>
 #include <sys/time.h>
@@ -28,7 +29,7 @@ static bool openScratch(I32 s) {
 static std::FILE* openResults(const char* benchLog) {
     std::FILE* hf = nullptr;
     if (benchLog[0] != '\0') {
-        hf = std::fopen(benchLog, "w+");
+        hf = openResultsFile(benchLog);
         if (hf == nullptr)
             printTo(stderr, "open: %s\n", std::strerror(errno));
     }

@@ -56,16 +56,25 @@ I32 copyViaOS(CONNECT_PARAMS* pcp, CopyParams* cP) {
     return rc;
 }
 
-std::FILE* basicOpenTempFile(const char* szFileName) {
-    int fd = open(szFileName, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (fd < 0 && errno == EEXIST) {
-        fd = open(szFileName, O_RDWR | O_TRUNC | O_CLOEXEC, 0666);
-        printTo(stdout, "2nd open returned %d, errno = %d.\n", fd, errno);
-    }
+/// A stream on the open file, which is closed when there can be none; null for a failed open too.
+static std::FILE* streamOn(int fd) {
     if (fd < 0)
         return nullptr;
     std::FILE* const hf = fdopen(fd, "w+");
     if (hf == nullptr)
         close(fd);
     return hf;
+}
+
+std::FILE* openResultsFile(const char* szFileName) {
+    return streamOn(open(szFileName, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+}
+
+std::FILE* basicOpenTempFile(const char* szFileName) {
+    int fd = open(szFileName, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd < 0 && errno == EEXIST) {
+        fd = open(szFileName, O_RDWR | O_TRUNC | O_CLOEXEC, 0666);
+        printTo(stdout, "2nd open returned %d, errno = %d.\n", fd, errno);
+    }
+    return streamOn(fd);
 }

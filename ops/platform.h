@@ -1,5 +1,4 @@
-// What depends on the operating system: the system copy command and the creation of the report
-// file.
+// What depends on the operating system: the system copy command and the creation of local files.
 #pragma once
 
 #include "front/types.h"
@@ -11,3 +10,7 @@ I32 copyViaOS(CONNECT_PARAMS* pcp, CopyParams* cP);
 
 /// Creates the report file, or empties an existing one and says so; null when neither can be done.
 std::FILE* basicOpenTempFile(const char* szFileName);
+
+/// Creates the file for the results of bench, or empties an existing one; null, with errno set,
+/// when neither can be done.
+std::FILE* openResultsFile(const char* szFileName);
