@@ -107,7 +107,7 @@ I32 managerFileWrite(I32 s, U32 filePosition, const void* byteBuffer, U32 nBytes
 }
 
 /// Fills in the place of a 16 GB read or write: `done` bytes behind high:low, for `amount` bytes.
-static void putRange(PADDED_REQUEST_3PARAMETER* pRequest, U32 highOffset, U32 lowOffset, U32 done,
+static void putRange(REQUEST_3PARAMETER* pRequest, U32 highOffset, U32 lowOffset, U32 done,
                      U32 amount) {
     const U32 low = lowOffset + done;
     putNumber(&pRequest->P1, low < lowOffset ? highOffset + 1 : highOffset);
@@ -120,7 +120,7 @@ I32 manager16GbFileRead(I32 s, U32 highOffset, U32 lowOffset, void* byteBuffer, 
     const I32 rc = prepareTransfer(s, byteBuffer);
     if (rc < 0)
         return rc;
-    static PADDED_REQUEST_3PARAMETER request3Param; // on the stack each call would probe all of it
+    REQUEST_3PARAMETER request3Param;
     const auto ask = [&](U32 done, const FileData& data) {
         putRange(&request3Param, highOffset, lowOffset, done, data.u32Room);
         return exchange(s, &request3Param.Header, REQUEST_16GB_FILE_READ,
@@ -136,7 +136,7 @@ I32 manager16GbFileWrite(I32 s, U32 highOffset, U32 lowOffset, const void* byteB
     const I32 rc = prepareTransfer(s, byteBuffer);
     if (rc < 0)
         return rc;
-    static PADDED_REQUEST_3PARAMETER request3Param; // on the stack each call would probe all of it
+    REQUEST_3PARAMETER request3Param;
     const auto ask = [&](U32 done, const FileData& data) {
         putRange(&request3Param, highOffset, lowOffset, done, data.u32Sent);
         return exchange(s, &request3Param.Header, REQUEST_16GB_FILE_WRITE,

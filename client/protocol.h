@@ -86,13 +86,13 @@ struct PADDED_REQUEST_2Parameter {
 };
 using PADDED_REQUEST_2PARAMETER = PADDED_REQUEST_2Parameter;
 
-/// 16 GB read and write: high offset, low offset, length, data.
-struct PADDED_REQUEST_3Parameter {
+/// 16 GB read and write: high offset, low offset, length. Data travel from and to where they are,
+/// so that the record is small enough to be made for each call.
+struct REQUEST_3Parameter {
     REQUEST_HEADER Header;
     U32 P1, P2, P3;
-    U8 Padding[DATA_AREA_SIZE];
 };
-using PADDED_REQUEST_3PARAMETER = PADDED_REQUEST_3Parameter;
+using REQUEST_3PARAMETER = REQUEST_3Parameter;
 
 /// Large lock and unlock: high offset, low offset, high length, low length.
 struct PADDED_REQUEST_4Parameter {
@@ -156,6 +156,6 @@ using GETSTATS_BUFFER = GETStats_Buffer;
 static_assert(sizeof(REQUEST_HEADER) == 12 && sizeof(REPLY_HEADER) == 12);
 static_assert(offsetof(PADDED_REQUEST_HEADER, Padding) == 12);
 static_assert(offsetof(PADDED_REQUEST_2PARAMETER, Padding) == 20);
-static_assert(offsetof(PADDED_REQUEST_3PARAMETER, Padding) == 24);
+static_assert(sizeof(REQUEST_3PARAMETER) == 24);
 static_assert(offsetof(PADDED_REQUEST_4PARAMETER, Padding) == 28);
 static_assert(offsetof(PADDED_REPLY_HEADER, Padding) == 12);
