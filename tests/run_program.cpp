@@ -8,8 +8,6 @@
 #include <termios.h>
 #include <unistd.h>
 
-const std::string banner = "\nKXADMIN 7.0a\nBy the kxadmin authors\nLocale: C\n";
-
 Outcome runProgram(const std::string& program, const Arguments& arguments,
                    const Environment& environment, const std::string& input) {
     const Scratch scratch;
@@ -22,9 +20,12 @@ Outcome runProgram(const std::string& program, const Arguments& arguments,
     return {status, readFile(out), readFile(err)};
 }
 
+Environment serverAt(unsigned port) {
+    return {{"KXSRV_CTRL_PORT", std::to_string(port)}};
+}
+
 Outcome runKxadmin(const Arguments& arguments, unsigned port, const std::string& input) {
-    return runProgram(KXADMIN_PROGRAM, arguments, {{"KXSRV_CTRL_PORT", std::to_string(port)}},
-                      input);
+    return runProgram(KXADMIN_PROGRAM, arguments, serverAt(port), input);
 }
 
 TerminalRun::TerminalRun(const std::string& program, const Arguments& arguments,

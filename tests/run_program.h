@@ -16,16 +16,19 @@ struct Outcome {
 using Arguments = std::vector<std::string>;
 using Environment = std::map<std::string, std::string>;
 
+/// Where a client finds the server on `port`.
+Environment serverAt(unsigned port);
+
 /// Runs the program to its end with `input` on standard input. Its environment is PATH, LC_ALL=C
 /// and `environment`.
 Outcome runProgram(const std::string& program, const Arguments& arguments,
                    const Environment& environment = {}, const std::string& input = "");
 
-/// kxadmin, with KXSRV_CTRL_PORT set to `port`.
+/// kxadmin, for the server on `port`.
 Outcome runKxadmin(const Arguments& arguments, unsigned port, const std::string& input = "");
 
 /// The banner in the C locale.
-extern const std::string banner;
+inline const std::string banner = "\nKXADMIN 7.0a\nBy the kxadmin authors\nLocale: C\n";
 
 /// A program on a terminal of its own.
 class TerminalRun {

@@ -42,8 +42,7 @@ TEST(Secret, IsHiddenAndForgottenOnceItIsChecked) {
             const std::string code = fChecked ? "14" : "11"; // the request that is never answered
             ScriptedServer server;
             server.on(fChecked ? 14 : 11, {Answer{"", Answer::STALL}});
-            TerminalRun run(KXADMIN_PROGRAM, arguments,
-                            {{"KXSRV_CTRL_PORT", std::to_string(server.port)}});
+            TerminalRun run(KXADMIN_PROGRAM, arguments, serverAt(server.port));
             if (arguments.size() == 1) {
                 ASSERT_TRUE(run.waitFor(prompt) && run.waitForEcho(false));
                 run.type(secret + "\n");

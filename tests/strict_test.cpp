@@ -106,7 +106,7 @@ TEST(Strict, PassesOnEveryByte) {
             ScriptedServer server;
             server.on(row.code, {row.answer});
             outcome = runProgram(&outcome == outcomes ? KXADMIN_PROGRAM : strict, row.arguments,
-                                 {{"KXSRV_CTRL_PORT", std::to_string(server.port)}});
+                                 serverAt(server.port));
         }
         EXPECT_EQ(outcomes[1].out + outcomes[1].err, outcomes[0].out + outcomes[0].err);
         EXPECT_EQ(outcomes[1].status, row.status) << outcomes[1].out;
@@ -116,14 +116,13 @@ TEST(Strict, PassesOnEveryByte) {
 TEST(Strict, LeavesTheTerminalToKxadmin) {
     ScriptedServer server;
     server.on(14, {reply(2)});
-    const Environment environment = {{"KXSRV_CTRL_PORT", std::to_string(server.port)}};
-    TerminalRun prompt(strict, {"opts", "-s1"}, environment);
+    TerminalRun prompt(strict, {"opts", "-s1"}, serverAt(server.port));
     ASSERT_TRUE(prompt.waitFor("KXSRV : ") && prompt.waitForEcho(false));
     prompt.type("\3");
     EXPECT_EQ(prompt.finish(), 4);
     EXPECT_TRUE(prompt.echoes());
 
-    TerminalRun question(strict, {"stop", "-p", "secret"}, environment);
+    TerminalRun question(strict, {"stop", "-p", "secret"}, serverAt(server.port));
     ASSERT_TRUE(question.waitFor("(Y/N)?"));
     const Arguments shown = {"/proc/" + std::to_string(question.process) + "/cmdline"};
     EXPECT_EQ(runProgram("/bin/cat", shown).out.find("secret"), std::string::npos);
