@@ -1,6 +1,7 @@
 // bench: the requests that it measures, its results file, and a failure to make either.
-#include "tests/file_server.h"
+#include "tests/run_program.h"
 #include "tests/scratch.h"
+#include "tests/scripted_server.h"
 
 #include <gtest/gtest.h>
 #include <regex>
@@ -18,28 +19,24 @@ TEST(Bench, EveryWay) {
     const std::string running = "Writing data to scratch.\nBench test running, please wait.\n";
     const std::string noRead = "Error reading source repository.\n";
     const std::string end = "\nBench test finished.\n\nResults have been written to [LOG].\n";
-    const std::string all = "7 2 1 4 2 1 3 2 ", dot = running + ".\n", done = dot + end;
-    // Options and a fault; the output, request codes and results, with a row of dots or of one code
+    const std::string all = "7 2 1 4 2 1 3 2 ", done = running + ".\n" + end;
+    // Options; the output, request codes and results, with a row of dots or of one code
     // as one; and the last reads.
-    using Row = std::tuple<Arguments, Fault, std::string, std::string, std::string, std::string>;
-    const Row rows[] = {
+    const std::tuple<Arguments, std::string, std::string, std::string, std::string> rows[] = {
         // clang-format off
-        {{"-c1088"}, {}, done, all, "1024 , \\d+ \n1088 , \\d+ \n",
+        {{"-c1088"}, done, all, "1024 , \\d+ \n1088 , \\d+ \n",
          passes(4096, {1024, 1024, 1024, 1024}) + passes(4096, {1088, 1088, 1088, 1088})},
-        {{"-c1087"}, {}, done, all, "1024 , \\d+ \n", passes(4096, {1024, 1024, 1024, 1024})},
-        {{"-c1408"}, {}, done, all, "(\\d+ , \\d+ \n){7}", passes(4096, {1408, 1408, 1408})},
-        {{"-c2112"}, {}, done, all, "(\\d+ , \\d+ \n){18}", passes(4096, {2112, 1984})},
-        {{"-c4096"}, {}, done, all, "(\\d+ , \\d+ \n){49}", passes(4096, {4096})},
-        {{"-c1024", "-s51347"}, {}, done, all, "1024 , \\d+ \n", passes(51347, std::vector<unsigned>(51, 1024))},
-        {{"-s51348"}, {}, running + noRead, "7 2 1 4 2 1 3 ", "", ""}, // behind the end of the file
-        {{}, {3, 33, 5}, dot + noRead, "7 2 1 4 2 1 3 ", "1024 , \\d+ \n", "3 4097 1088 "},
-        {{"-l/no/log"}, {}, "Error creating log file.\nPlease check path.\nopen: No such file or directory\n", "7 2 1 2 ", "\\(none\\)", ""},
+        {{"-c1087"}, done, all, "1024 , \\d+ \n", passes(4096, {1024, 1024, 1024, 1024})},
+        {{"-c2112"}, done, all, "(\\d+ , \\d+ \n){18}", passes(4096, {2112, 1984})},
+        {{"-c1024", "-s51347"}, done, all, "1024 , \\d+ \n", passes(51347, std::vector<unsigned>(51, 1024))},
+        {{"-s51348"}, running + noRead, "7 2 1 4 2 1 3 ", "", ""}, // behind the end of the file
+        {{"-l/no/log"}, "Error creating log file.\nPlease check path.\nopen: No such file or directory\n", "7 2 1 2 ", "\\(none\\)", ""},
         // clang-format on
     };
-    for (const auto& [more, fault, output, codes, results, reads] : rows) {
+    for (const auto& [more, output, codes, results, reads] : rows) {
         SCOPED_TRACE(output + codes + results);
         const Scratch scratch;
-        Volume volume{.fault = fault};
+        Volume volume;
         ScriptedServer server;
         serveFiles(server, volume);
         const std::string log = scratch.path("log");

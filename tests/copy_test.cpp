@@ -1,6 +1,7 @@
 // copy: what it says on every way through, the requests to both servers, what it copies, the check
 // for room and the lock on the source. fault_test.cpp has the requests that fail.
-#include "tests/file_server.h"
+#include "tests/run_program.h"
+#include "tests/scripted_server.h"
 
 #include <gtest/gtest.h>
 #include <regex>
@@ -14,23 +15,10 @@ struct CopyScene {
         serveFiles(server, from, server.SOURCE);
         serveFiles(server, to, server.DEST);
     }
-    /// Copies; the output comes back without what was said before the two servers were known.
     Outcome copy(const Arguments& modifiers, const std::string& input = "") {
         Arguments arguments{"copy", "-p", "secret", "127.0.0.1:a.rep", "127.0.0.2:b.rep"};
         arguments.insert(arguments.begin() + 1, modifiers.begin(), modifiers.end());
-        Outcome outcome = runKxadmin(arguments, server.port, input);
-        EXPECT_EQ(outcome.status, 0);
-        const std::string both =
-            "\nConnected to source server\n\nConnected to destination server\n\n";
-        outcome.out = behind(banner + both, outcome.out);
-        return outcome;
-    }
-    /// The trace from there on.
-    std::string codes() {
-        return behind("s12 s28 s9 s25 d12 d28 d9 d25 d10 ", server.codes());
-    }
-    static std::string behind(const std::string& begin, const std::string& text) {
-        return text.starts_with(begin) ? text.substr(begin.size()) : "begins otherwise: " + text;
+        return runKxadmin(arguments, server.port, input);
     }
 
     Volume from, to;
@@ -43,6 +31,11 @@ template<class... Counts> std::vector<Answer> units(Counts... counts) {
 }
 
 } // namespace
+
+// What is said, and asked, until the two servers are known.
+static const std::string connected =
+    banner + "\nConnected to source server\n\nConnected to destination server\n\n";
+static const std::string connects = "s12 s28 s9 s25 d12 d28 d9 d25 d10 ";
 
 static const std::string copying = "Copying 127.0.0.1:a.rep => 127.0.0.2:b.rep\n";
 static const std::string question = "WARNING: Destination file exists - overwrite (Y/N)?\n";
@@ -76,35 +69,26 @@ TEST(Copy, EveryWay) {
         const char* input = "";
         std::size_t old = 0; // size of the destination that exists
         U32 freeBlocks = 1;
-        Fault source{}, dest{};
         std::string output{}, codes{};
-        std::size_t written = 0; // bytes that arrive
     } rows[] = {
         // clang-format off
-        {.output = copying + whole, .codes = fresh, .written = 2000},
-        {.modifiers = {"-b"}, .freeBlocks = 0, .output = copying + whole, .codes = created + moved, .written = 2000},
-        {.modifiers = {"-q"}, .output = copying + locked, .codes = fresh, .written = 2000},
-        {.input = "y\n", .old = 3000, .output = copying + question + whole, .codes = over, .written = 2000},
+        {.output = copying + whole, .codes = fresh},
+        {.modifiers = {"-b"}, .freeBlocks = 0, .output = copying + whole, .codes = created + moved},
+        {.modifiers = {"-q"}, .output = copying + locked, .codes = fresh},
+        {.input = "y\n", .old = 3000, .output = copying + question + whole, .codes = over},
         {.input = "N", .old = 3000, .output = copying + question + "Copy cancelled.\n", .codes = begun + "d1 s2 d2 d10 s10"},
-        {.modifiers = {"-o"}, .old = 3000, .output = copying + whole, .codes = over, .written = 2000},
-        {.modifiers = {"-q"}, .input = "x\ny\n", .old = 9, .output = copying + question + question + locked, .codes = over,
-         .written = 2000},
-        {.input = "y\n", .freeBlocks = 0, .output = copying + noRoom + goOn + whole, .codes = fresh, .written = 2000},
+        {.modifiers = {"-o"}, .old = 3000, .output = copying + whole, .codes = over},
+        {.modifiers = {"-q"}, .input = "x\ny\n", .old = 9, .output = copying + question + question + locked, .codes = over},
+        {.input = "y\n", .freeBlocks = 0, .output = copying + noRoom + goOn + whole, .codes = fresh},
         {.input = "n\n", .freeBlocks = 0, .output = copying + noRoom + goOn, .codes = room + "s2 d10 s10"},
-        {.modifiers = {"-q"}, .freeBlocks = 0, .output = copying + noRoom + locked, .codes = fresh, .written = 2000},
+        {.modifiers = {"-q"}, .freeBlocks = 0, .output = copying + noRoom + locked, .codes = fresh},
         // A source that is none.
         {.file = repository(255), .output = "Error reading source repository.\n" + invalid, .codes = "s1 s3 s2 s10"},
         {.file = "4320" + repository(2000), .output = "Source file not a valid repository.\n" + invalid, .codes = "s1 s3 s2 s10"},
-        {.source = {1, 1, 2}, .output = "Source path invalid or inaccessible.\n" + invalid, .codes = "s1 s2 s10"},
-        // A destination that cannot be probed counts as missing.
-        {.dest = {1, 1, 5}, .output = copying + whole, .codes = fresh, .written = 2000},
-        {.modifiers = {"-q"}, .source = {47, 1, 33}, .output = copying + "Lock attempt failed - retrying\n" + locked,
-         .codes = room + "s32 s47 " + moved, .written = 2000},
         // By system commands.
         {.modifiers = {"-f", "echo"}, .output = byEcho, .codes = byCommand},
         {.modifiers = {"-q", "-f", "/proc/$PPID/exe stat 127.0.0.1 >/dev/null; echo"}, .output = locked + "a.rep b.rep\n",
          .codes = checked + "s1 " + locks + "s12 s28 s9 s13 s10 s48 s2 s10"},
-        {.modifiers = {"-q", "-f", "kill $$;"}, .output = locked, .codes = byCommand},
         {.modifiers = {"-f", "false"}, .output = "Copying a.rep => b.rep using system command 'false'\n" + bothLocks + unlocking,
          .codes = byCommand},
         // None of the sockets is the command's. A reader that goes away ends one without a complaint.
@@ -116,19 +100,17 @@ TEST(Copy, EveryWay) {
         SCOPED_TRACE(row.output + row.codes);
         CopyScene scene(row.file);
         scene.from.dataLimit = 1024;
-        scene.from.fault = row.source;
-        scene.to.fault = row.dest;
         scene.to.freeBlocks = row.freeBlocks;
         const std::string old(row.old, 'o');
         if (row.old != 0)
             scene.to.files["b.rep"] = old;
         const Outcome outcome = scene.copy(row.modifiers, row.input);
-        EXPECT_EQ(outcome.out, row.output);
-        const bool fShown = row.written == 2000 && row.modifiers != Arguments{"-q"};
-        EXPECT_EQ(outcome.err, fShown ? "\r[0:2000]    " : "");
-        EXPECT_EQ(scene.codes(), row.codes);
+        const bool fCopied = row.codes.ends_with(moved), fShown = row.modifiers != Arguments{"-q"};
+        EXPECT_EQ(outcome.out, connected + row.output);
+        EXPECT_EQ(outcome.err, fCopied && fShown ? "\r[0:2000]    " : "");
+        EXPECT_EQ(scene.server.codes(), connects + row.codes);
         EXPECT_EQ(scene.to.files["b.rep"],
-                  row.file.substr(0, row.written) + old.substr(std::min(row.written, row.old)));
+                  fCopied ? row.file + old.substr(std::min<std::size_t>(2000, row.old)) : old);
     }
 }
 
@@ -151,7 +133,7 @@ TEST(Copy, EverySizeAtEveryLimit) {
             std::string chunks = "s36 d39 ";
             for (U32 position = limit; position < size; position += limit)
                 chunks += "s36 d39 ";
-            EXPECT_EQ(scene.codes(), created + locks + chunks + ended) << size;
+            EXPECT_EQ(scene.server.codes(), connects + created + locks + chunks + ended) << size;
             EXPECT_EQ(sent(scene.server, {REQUEST_FILE_OPEN}, 1), "1 66 1 66 1 66 1 18 ");
         }
 }
@@ -173,7 +155,8 @@ TEST(Copy, CountsRoomInBlocksOfTheDestination) {
         scene.to.bytesPerBlock = bytesPerBlock;
         scene.server.on(REQUEST_16GB_FILE_GET_EOF, units(size, 1U));
         scene.server.on(REQUEST_16GB_LARGE_LOCK, {reply(5)});
-        const std::string output = scene.copy({}, "n\n").out.substr(copying.size() - 1);
+        const std::string output =
+            scene.copy({}, "n\n").out.substr((connected + copying).size() - 1);
         EXPECT_EQ(std::regex_replace(output, std::regex("[^-\\d]+"), " "), warning)
             << size << " units, " << freeBlocks << " free of " << bytesPerBlock;
     }
@@ -183,29 +166,29 @@ TEST(Copy, LocksTheSourceAtTheSizeItHas) {
     const std::string size = "Locked library of size ", retry = "Lock attempt failed - retrying\n";
     const std::string changed = "File size changed between check and lock - retrying\n";
     const std::string aborted = "Unable to lock source repository, system copy aborted.\n";
-    const std::vector<Answer> done{reply(0)};
-    // Sizes, answers to lock and unlock, output, and the requests: 47 locks and 48 unlocks, an
-    // offset and a length, each in halves.
-    const std::tuple<std::vector<Answer>, std::vector<Answer>, std::vector<Answer>, std::string,
-                     std::string>
-        rows[] = {
-            // clang-format off
-        {units(0U), done, done, size + "0:0 bytes.\n", "47 0 0 0 0 48 0 0 0 0 "},
-        {units(0xfffffffU), done, done, size + "0:4294967280 bytes.\n", "47 0 0 0 4294967280 48 0 0 0 4294967280 "},
-        {units(0x40000000U), done, done, size + "4:0 bytes.\n", "47 0 0 4 0 48 0 0 4 0 "},
-        {units(0x40000001U), done, done, "Repository greater than 16 GB.\n" + aborted, ""},
-        {units(1U, 2U, 3U), {reply(33), reply(33), reply(0)}, done, retry + retry + size + "0:48 bytes.\n",
-         "47 0 0 0 16 47 0 0 0 32 47 0 0 0 48 48 0 0 0 48 "},
-        {units(1U, 2U), done, done, changed + size + "0:32 bytes.\n", "47 0 0 0 16 48 0 0 0 16 47 0 0 0 32 48 0 0 0 32 "},
-        {units(1U, 2U), done, {reply(5)}, "Attempt to unlock repository failed.\n" + aborted, "47 0 0 0 16 48 0 0 0 16 "},
-            // clang-format on
-        };
-    for (const auto& [sizes, lock, unlock, output, requests] : rows) {
+    const struct {
+        std::vector<Answer> sizes;
+        std::string output;
+        std::string requests; // 47 locks and 48 unlocks, an offset and a length, each in halves
+        std::vector<Answer> lock = {reply(0)}, unlock = {reply(0)};
+    } rows[] = {
+        // clang-format off
+        {units(0U), size + "0:0 bytes.\n", "47 0 0 0 0 48 0 0 0 0 "},
+        {units(0xfffffffU), size + "0:4294967280 bytes.\n", "47 0 0 0 4294967280 48 0 0 0 4294967280 "},
+        {units(0x40000000U), size + "4:0 bytes.\n", "47 0 0 4 0 48 0 0 4 0 "},
+        {units(0x40000001U), "Repository greater than 16 GB.\n" + aborted, ""},
+        {units(1U, 2U, 3U), retry + retry + size + "0:48 bytes.\n",
+         "47 0 0 0 16 47 0 0 0 32 47 0 0 0 48 48 0 0 0 48 ", {reply(33), reply(33), reply(0)}},
+        {units(1U, 2U), changed + size + "0:32 bytes.\n", "47 0 0 0 16 48 0 0 0 16 47 0 0 0 32 48 0 0 0 32 "},
+        {units(1U, 2U), "Attempt to unlock repository failed.\n" + aborted, "47 0 0 0 16 48 0 0 0 16 ", {reply(0)}, {reply(5)}},
+        // clang-format on
+    };
+    for (const auto& row : rows) {
         CopyScene scene;
-        scene.server.on(REQUEST_16GB_FILE_GET_EOF, sizes);
-        scene.server.on(REQUEST_16GB_LARGE_LOCK, lock);
-        scene.server.on(REQUEST_16GB_LARGE_UNLOCK, unlock);
-        EXPECT_EQ(scene.copy({"-q", "-f", "true"}).out, output);
-        EXPECT_EQ(sent(scene.server, {47, 48}, 4), requests) << output;
+        scene.server.on(REQUEST_16GB_FILE_GET_EOF, row.sizes);
+        scene.server.on(REQUEST_16GB_LARGE_LOCK, row.lock);
+        scene.server.on(REQUEST_16GB_LARGE_UNLOCK, row.unlock);
+        EXPECT_EQ(scene.copy({"-q", "-f", "true"}).out, connected + row.output);
+        EXPECT_EQ(sent(scene.server, {47, 48}, 4), row.requests) << row.output;
     }
 }

@@ -3,8 +3,9 @@
 // link that works, no process, no file but its own and a terminal that echoes. Every step is
 // refused once; of the other faults KX_FAULTS=all tries every one, and otherwise a sample is tried.
 #include "client/exchange.h"
-#include "tests/file_server.h"
+#include "tests/run_program.h"
 #include "tests/scratch.h"
+#include "tests/scripted_server.h"
 
 #include <gtest/gtest.h>
 

@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <netinet/in.h>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -73,3 +74,20 @@ private:
     std::string traceCodes;
     std::thread thread;
 };
+
+/// The requests of these codes: each code and the first `count` numbers of its parameters.
+std::string sent(ScriptedServer& server, const std::set<U32>& codes, std::size_t count);
+
+/// `size` bytes that begin like a 16 GB repository and do not repeat soon.
+std::string repository(std::size_t size);
+
+/// Files in memory, so that what a command did to them can be compared.
+struct Volume {
+    std::map<std::string, std::string> files{};
+    U32 dataLimit = 32768, freeBlocks = 1000, bytesPerBlock = 4096;
+    std::string open{}; // name of the file that was opened last
+};
+
+/// Makes the server answer the file requests on `volume`, which has to outlive it.
+void serveFiles(ScriptedServer& server, Volume& volume,
+                ScriptedServer::Host host = ScriptedServer::SOURCE);
