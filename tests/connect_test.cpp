@@ -40,94 +40,60 @@ TEST(Connect, SetsItsSocketUp) {
 }
 
 TEST(Connect, SendsTheRestThatASignalKeptBack) {
+    const itimerval often{{0, 500}, {0, 500}}, never{};
+    const int iSize = 8192;
     std::string bytes;
     for (int i = 0; i < 400000; ++i)
         bytes += static_cast<char>(i * 31 + i / 251);
     for (const I32 first : {24, 399976}) { // cut in the one part and in the other
         int ends[2];
-        const int iSize = 8192;
-        const itimerval often{{0, 500}, {0, 500}}, never{};
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
         setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &iSize, sizeof iSize);
-        sigset_t alarm;
-        sigemptyset(&alarm);
-        sigaddset(&alarm, SIGALRM);
-        pthread_sigmask(SIG_BLOCK, &alarm, nullptr); // for the slow reader
         std::string received;
-        std::thread reader([&] {
+        std::thread slowReader([&] {
             char chunk[4096];
             for (ssize_t n; (n = read(ends[1], chunk, sizeof chunk)) > 0; usleep(300))
                 received.append(chunk, static_cast<std::size_t>(n));
         });
         const auto before = std::signal(SIGALRM, [](int) {});
-        pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
         setitimer(ITIMER_REAL, &often, nullptr);
         const char* const pMore = bytes.data() + first;
         EXPECT_EQ(socketSendBuffers(ends[0], bytes.data(), first, pMore, 400000 - first), 400000);
         setitimer(ITIMER_REAL, &never, nullptr);
         std::signal(SIGALRM, before);
         close(ends[0]);
-        reader.join();
+        slowReader.join();
         close(ends[1]);
         EXPECT_TRUE(received == bytes) << first;
     }
 }
 
-TEST(Connect, TakesTheGreeting) {
-    const std::string id = be32(0xFFFFFFFF);
-    // clang-format off
-    const struct {
-        std::string greeting;
-        std::vector<Answer> address;
-        I32 result, next; // next: what a request after it comes to
-        std::string codes;
-    } rows[] = {
-        {id, {reply(0, "1234")}, 0, 0, "12 2"}, {id, {reply(-3)}, -244, 0, "12 2"}, {id, {reply(0, "12345")}, -244, 0, "12 2"},
-        {be32(0), {}, -247, -243, ""}, {id.substr(0, 3), {}, -244, -243, ""}, {id, {{"", Answer::CLOSE}}, -244, -243, "12"}};
-    // clang-format on
-    for (const auto& row : rows) {
-        SCOPED_TRACE(testing::Message() << row.result << " " << row.codes);
-        ScriptedServer server;
-        server.greetings[0] = {row.greeting,
-                               row.greeting.size() < 4 ? Answer::CLOSE : Answer::GO_ON};
-        server.on(12, row.address);
-        CONNECT_PARAMS record{};
-        record.host = "localhost";
-        // The number wraps at 16 bits and ends at the first character that is no digit.
-        setenv("KXSRV_CTRL_PORT", (" +" + std::to_string(server.port + 65536) + "x").c_str(), 1);
-        EXPECT_EQ(managerConnect(&record), row.result);
-        EXPECT_EQ(managerFileClose(record.s), row.next);
-        EXPECT_EQ(server.codes(), row.codes);
-        managerAbandon(record.s);
-    }
-    unsetenv("KXSRV_CTRL_PORT");
+/// What is said of the first `count` attempts.
+static std::string attempts(const std::string& host, unsigned port, int count) {
+    std::string text;
+    for (int left = 30; left > 30 - count; --left)
+        text += "\rConnection to [" + host + "] port [" + std::to_string(port) +
+                "] failed.  Retrying [" + std::to_string(left) + "]  ";
+    return text;
 }
 
 TEST(Connect, RetriesUntilTheServerAppears) {
     ScriptedServer elsewhere; // its port is free at the next address
-    const std::string port = std::to_string(elsewhere.port);
-    const std::string attempt =
-        "\rConnection to [127.0.0.2] port [" + port + "] failed.  Retrying [";
-    TerminalRun run(KXADMIN_PROGRAM, {"opts", "127.0.0.2"}, {{"KXSRV_CTRL_PORT", port}});
+    TerminalRun run(KXADMIN_PROGRAM, {"opts", "127.0.0.2"}, serverAt(elsewhere.port));
     ASSERT_TRUE(run.waitFor("Retrying [29]"));
     ScriptedServer server(INADDR_LOOPBACK + 1, elsewhere.port);
     EXPECT_EQ(run.finish(), 0);
     const std::string line = std::string(78, '=') + "\r\n";
     EXPECT_EQ(run.output.substr(run.output.find("C\r\n") + 3),
-              attempt + "30]  " + attempt + "29]  \rConnected" + std::string(54, ' ') + "\r\n\r\n" +
-                  line + line);
-    EXPECT_EQ(server.codes(), "12 28 9 24 10");
+              attempts("127.0.0.2", server.port, 2) + "\rConnected" + std::string(54, ' ') +
+                  "\r\n\r\n" + line + line);
 }
 
 TEST(Connect, GivesUp) {
     ScriptedServer elsewhere; // so that nobody listens at its port here
     const Outcome outcome = runKxadmin({"stat", "127.0.0.3"}, elsewhere.port);
-    const std::string attempt = "\rConnection to [127.0.0.3] port [" +
-                                std::to_string(elsewhere.port) + "] failed.  Retrying [";
-    std::string attempts;
-    for (int left = 30; left > 0; --left)
-        attempts += attempt + std::to_string(left) + "]  ";
-    EXPECT_EQ(outcome.err, attempts + "\r" + std::string(63, ' ') + "\r");
+    EXPECT_EQ(outcome.err,
+              attempts("127.0.0.3", elsewhere.port, 30) + "\r" + std::string(63, ' ') + "\r");
     EXPECT_EQ(outcome.out,
               banner + "Unable to connecto to KXSRV at [127.0.0.3] or IP Address is unkown.\n");
     EXPECT_EQ(outcome.status, 0);

@@ -49,7 +49,7 @@ TEST(EndToEnd, ACopyThatIsEndedLeavesNoLock) {
         const Sandbox dest({"-A127.0.0.2", "-P" + std::to_string(source.port)});
         TerminalRun copy(KXADMIN_PROGRAM,
                          {"copy", "-p", "secret", "127.0.0.1:a.rep", "127.0.0.2:b.rep"},
-                         {{"KXSRV_CTRL_PORT", std::to_string(source.port)}});
+                         serverAt(source.port));
         // Its progress fills the terminal, of which nothing is read: it stops half way.
         ASSERT_TRUE(copy.waitFor("Locked library of size 0:33554448 bytes."));
         const I32 s = source.connect();
@@ -60,13 +60,14 @@ TEST(EndToEnd, ACopyThatIsEndedLeavesNoLock) {
             EXPECT_EQ(managerFileRead(s, offset, &c, 1, 0), -33);
         }
         EXPECT_EQ(managerFile16GbLargeLock(s, 0, 9, 0, 1), -33);
-        if (iEnd > 0) {
+        int status = 0;
+        if (iEnd > 0)
             kill(copy.process, iEnd);
-        } else if (iEnd < 0) { // its lock is gone when the reply comes
+        if (iEnd < 0) // its lock is gone when the reply comes
             EXPECT_EQ(runKxadmin({"stop", "-k1", "-p", "secret"}, source.port).out,
                       banner + "Connection 1 on host localhost killed.\n");
-        }
-        const int status = iEnd >= 0 ? copy.finish() : 0;
+        else
+            status = copy.finish();
         I32 rc;
         do
             rc = managerFile16GbLargeLock(s, 0, 0, 0, 1);
@@ -81,43 +82,32 @@ TEST(EndToEnd, ACopyThatIsEndedLeavesNoLock) {
     }
 }
 
-/// How many entries a directory of /proc has.
-static std::ptrdiff_t entries(pid_t process, const char* pszWhat) {
-    using Iterator = std::filesystem::directory_iterator;
-    return std::distance(Iterator("/proc/" + std::to_string(process) + "/" + pszWhat), Iterator());
-}
-
-static std::size_t residentPages(pid_t process) {
-    std::size_t all = 0, resident = 0;
-    std::ifstream("/proc/" + std::to_string(process) + "/statm") >> all >> resident;
-    return resident;
-}
-
 TEST(EndToEnd, ManyClientsLeaveNothingBehind) {
     Sandbox sandbox;
     const I32 s = sandbox.connect();
-    const auto descriptors = entries(sandbox.run.process, "fd");
-    std::size_t before = 0;
+    const std::string process = "/proc/" + std::to_string(sandbox.run.process);
+    const auto descriptors = [&] {
+        using Iterator = std::filesystem::directory_iterator;
+        return std::distance(Iterator(process + "/fd"), Iterator());
+    };
+    const auto residentPages = [&] {
+        const std::string statm = readFile(process + "/statm");
+        return std::stoul(statm.substr(statm.find(' ')));
+    };
+    const auto before = descriptors();
+    unsigned long pages = 0;
     for (int i = 0; i < 10000; ++i) {
         socketClose(socketConnectToHost("127.0.0.1", sandbox.port));
         if (i == 1000)
-            before = residentPages(sandbox.run.process);
+            pages = residentPages();
     }
-    EXPECT_LT(residentPages(sandbox.run.process), before + 1000);
-    std::vector<I32> clients;
-    int refused = 0;
-    for (int i = 0; i < 200; ++i) {
-        U32 identifier = 1;
-        clients.push_back(socketConnectToHost("127.0.0.1", sandbox.port));
-        EXPECT_EQ(socketReceiveBuffer(clients.back(), &identifier, 4), 4);
-        refused += identifier == 0;
-    }
-    EXPECT_EQ(refused, 101); // one of the 100 is taken
-    for (const I32 client : clients)
-        socketClose(client);
-    while (entries(sandbox.run.process, "fd") > descriptors) // until all have left
+    EXPECT_LT(residentPages(), pages + 1000);
+    managerDisconnect(sandbox.connect()); // which is accepted behind all of them
+    while (descriptors() > before)        // until all have left
         usleep(1000);
-    EXPECT_EQ(entries(sandbox.run.process, "fd"), descriptors);
+    EXPECT_EQ(descriptors(), before);
+    EXPECT_EQ(managerVerifyPassword(s, "", 0, "wrong", 5), -202);
+    EXPECT_EQ(managerKillConnection(s, 1), -202);
     EXPECT_EQ(managerVerifyPassword(s, "", 0, "secret", 6), 0);
     managerStopServer(s);
     EXPECT_EQ(sandbox.run.finish(), 0) << "leaks"; // as the leak sanitizer sees it
@@ -176,9 +166,8 @@ TEST(EndToEnd, RubbishEndsItsConnectionAndNoOther) {
     const std::string slow = requestBytes(REQUEST_GET_KXSRV_STATS); // all the while half sent
     socketSendBuffer(silent, slow.data(), 6);
     for (const std::string& rubbish :
-         {"GET / HTTP/1.0\r\n\r\n"s, requestBytes(0), requestBytes(5), requestBytes(49),
-          be32(3) + be32(0xffffffff) + be32(1), be32(3) + be32(0) + be32(65537),
-          be32(1) + be32(0) + be32(9) + "cut", "\0\0"s, ""s}) {
+         {"GET / HTTP/1.0\r\n\r\n"s, requestBytes(49), be32(3) + be32(0xffffffff) + be32(1),
+          be32(3) + be32(0) + be32(65537), be32(1) + be32(0) + be32(9) + "cut", ""s}) {
         const I32 other = socketConnectToHost("127.0.0.1", sandbox.port);
         socketSendBuffer(other, rubbish.data(), static_cast<I32>(rubbish.size()));
         shutdown(other, SHUT_WR);
@@ -195,9 +184,6 @@ TEST(EndToEnd, RubbishEndsItsConnectionAndNoOther) {
 }
 
 TEST(EndToEnd, ASandboxRunsOneCommand) {
-    const auto hasLine = [](const std::string& text, const std::string& line) {
-        return std::regex_replace(text, std::regex(" +|\r"), " ").find(line) != std::string::npos;
-    };
     // clang-format off
     const struct {
         Arguments arguments;
@@ -205,12 +191,9 @@ TEST(EndToEnd, ASandboxRunsOneCommand) {
         std::string line; // with its blanks run together
     } rows[] = {
         {{"-t2", "--", KXADMIN_PROGRAM, "stat"}, 0, "\nServer type 2 (unnamed) \n"},
-        {{"--", KXADMIN_PROGRAM, "stat"}, 0, "\n 13 server statistics 1 0 \n"},
         {{"--", "kxadmin", "list"}, 0, " 4 - \n"}, // found beside the sandbox
         {{"-p", "x", "-m", "4096", "--", KXADMIN_PROGRAM, "opts"}, 0, "\nAdministrator's password set \nServer type 0 (KXSRV) \nData limit 4096 \n"},
-        {{"-p", "x", "--", KXADMIN_PROGRAM, "opts", "-s3", "-p", "y"}, 0, "\nPassword is invalid.\nChange"},
         {{"-p", "x", "--", "sh", "-c", KXADMIN_PROGRAM " opts -s3 -p x; " KXADMIN_PROGRAM " opts"}, 0, "\nLogging level 3 (Debug) \n"},
-        {{"-t1", "--", KXADMIN_PROGRAM, "list"}, 0, "\nSupported PXSRV commands are OPTS and STOP only.\n"},
         {{"--", "sh", "-c", "exit 7"}, 7, ""}, {{"--", "sh", "-c", "kill -9 $$"}, 137, ""},
         {{"--", "/no/such"}, 127, "kxsandbox: cannot run /no/such: No such file or directory\n"},
         {{"-a", "10.0.0.1"}, 2, "kxsandbox: -a: '10.0.0.1' is not a loopback address; the sandbox listens below 127.0.0.0/8 only\n"},
@@ -218,7 +201,9 @@ TEST(EndToEnd, ASandboxRunsOneCommand) {
     // clang-format on
     for (const auto& row : rows) {
         const Outcome outcome = runProgram(KXSANDBOX_PROGRAM, row.arguments);
+        const std::string all =
+            std::regex_replace(outcome.out + outcome.err, std::regex(" +|\r"), " ");
         EXPECT_EQ(outcome.status, row.status) << row.line;
-        EXPECT_TRUE(hasLine(outcome.out + outcome.err, row.line)) << outcome.out << outcome.err;
+        EXPECT_NE(all.find(row.line), all.npos) << all;
     }
 }

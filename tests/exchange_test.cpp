@@ -16,15 +16,18 @@ using namespace std::string_literals;
 namespace {
 
 /// What came, and what was to come: a row makes its call as it is filled, one after the other.
-using Rows = std::vector<std::pair<std::string, std::string>>;
+using Row = std::pair<std::string, std::string>;
 
 U8* const bytes = reinterpret_cast<U8*>(text);
 
 /// A server and a connection to it.
 struct Connection {
-    Connection() {
-        record.host = "127.0.0.1";
-        EXPECT_EQ(managerConnectToPort(&record, server.port), 0);
+    explicit Connection(const Answer& greeting = {be32(0xFFFFFFFF)}, I32 result = 0) {
+        server.greetings[0] = greeting;
+        record.host = "localhost";
+        // The number wraps at 16 bits and ends at the first character that is no digit.
+        setenv("KXSRV_CTRL_PORT", (" +" + std::to_string(server.port + 65536) + "x").c_str(), 1);
+        EXPECT_EQ(managerConnect(&record), result);
         ManagerDataLimit = 32768;
     }
     ~Connection() {
@@ -55,25 +58,14 @@ struct Connection {
     std::size_t seen = 0;
 };
 
-void expectEqual(const Rows& rows) {
-    for (const auto& [came, expected] : rows)
-        EXPECT_EQ(came, expected);
-}
-
-/// The request for statistics fails with `code` and the connection is closed once and for all: its
-/// number may belong to something else by then.
-void expectLost(I32 s, I32 code, ScriptedServer* pServer) {
-    EXPECT_EQ(managerGetKXSRVStats(s, text), code);
-    EXPECT_EQ(text[0], '.');
-    const std::string codes = pServer->codes();
-    ASSERT_EQ(fcntl(0, F_DUPFD, s), s) << "still open";
-    EXPECT_EQ(managerFileClose(s), -243);
-    EXPECT_EQ(managerDisconnect(s), -243);
-    EXPECT_EQ(close(s), 0) << "closed twice";
-    EXPECT_EQ(pServer->codes(), codes);
-}
-
 } // namespace
+
+TEST(Exchange, TakesTheGreeting) {
+    for (const auto& [greeting, result] : {std::pair(Answer{be32(0)}, -247),
+                                           {{be32(1).substr(0, 3), Answer::CLOSE}, -244},
+                                           {{be32(1), Answer::CLOSE}, -244}})
+        EXPECT_EQ(managerFileClose(Connection(greeting, result).record.s), -243);
+}
 
 TEST(Exchange, SendsItsBytes) {
     Connection scene;
@@ -84,6 +76,16 @@ TEST(Exchange, SendsItsBytes) {
         EXPECT_EQ(scene.sent(call(scene.record.s)), sent);
 }
 
+/// The request for statistics fails with `code` and the connection is closed once and for all: its
+/// number may belong to something else by then.
+static void expectLost(I32 s, I32 code) {
+    EXPECT_EQ(managerGetKXSRVStats(s, text), code);
+    EXPECT_EQ(text[0], '.');
+    ASSERT_EQ(fcntl(0, F_DUPFD, s), s) << "still open";
+    EXPECT_EQ(managerDisconnect(s), -243);
+    EXPECT_EQ(close(s), 0) << "closed twice";
+}
+
 TEST(Exchange, LosesTheConnectionOfABrokenReply) {
     std::vector<std::pair<Answer, I32>> rows;
     const std::string whole = replyBytes(0, "eight  b", "pad.");
@@ -91,19 +93,18 @@ TEST(Exchange, LosesTheConnectionOfABrokenReply) {
         for (const Answer::After after : {Answer::CLOSE, Answer::RESET})
             rows.push_back({{whole.substr(0, k), after}, k < 12 ? -242 : -240});
     // Nothing follows a header that announces too much, and the client does not wait for it.
-    for (const auto& [padLength, length] :
-         {std::pair(0U, 32769U), {32769U, 0U}, {1U, 32768U}, {1U, ~0U}, {1U << 31, 1U << 31}})
+    for (const auto& [padLength, length] : {std::pair(0U, 32769U), {1U, 32768U}, {1U, ~0U}})
         rows.push_back({{be32(0) + be32(padLength) + be32(length), Answer::STALL}, -241});
     for (const auto& [answer, code] : rows) {
         SCOPED_TRACE(hex(answer.bytes));
         Connection scene;
-        expectLost(scene.expecting(13, {answer}), code, &scene.server);
+        expectLost(scene.expecting(13, {answer}), code);
     }
     Connection scene;
     EXPECT_EQ(managerFileClose(scene.expecting(2, {{replyBytes(0), Answer::RESET}})), 0);
     while (SocketPeek(scene.record.s) > 0)
         continue;
-    expectLost(scene.expecting(13, {reply(0)}), -243, &scene.server);
+    expectLost(scene.expecting(13, {reply(0)}), -243);
 }
 
 TEST(Exchange, TakesErrorsAndOddReplies) {
@@ -123,8 +124,8 @@ TEST(Exchange, TakesErrorsAndOddReplies) {
         return record.versionStr + std::string(reinterpret_cast<char*>(&record.versionId), 4);
     };
     testing::internal::CaptureStdout();
-    // clang-format off
-    expectEqual({
+    const Row rows[] = {
+        // clang-format off
         {outcome(managerFileClose(on(2, reply(5, "refused\0"s + x32768.substr(8))))), "-5 0 5 refused ......"},
         {outcome(managerFileClose(on(2, {replyBytes(5, "cut", "pad")}))), "-5 0 5 cut ......"},
         {outcome(managerFileClose(on(2, reply(INT_MIN, x32768)))), "-2147483648 2147483648 0  ......"},
@@ -137,7 +138,7 @@ TEST(Exchange, TakesErrorsAndOddReplies) {
         {outcome(managerFileGetVolSpace(on(26, reply(0, be32(9) + be32(0))), n1024.c_str(), &blocks, &blockSize)), "-1 77 77 - ......"},
         {outcome(BasicQueryServerType(on(28, reply(0, be32(6) + x32768.substr(4))), text)), "2 77 77 - xxxxxx"},
         {text, x32768.substr(0, 1023)}, {version("7.0a\0\1\2\3\4"s), "7.0a\1\2\3\4"}, {version("7.0b\0\1\2\3"s), "7.0b\0\0\0\0"s},
-        {version("no end"), "no end\0\0\0\0"s}, {version(x32768.substr(5) + "\0\1\2\3\4"s), x32768.substr(0, 128) + "\1\2\3\4"},
+        {version(x32768.substr(5) + "\0\1\2\3\4"s), x32768.substr(0, 128) + "\1\2\3\4"},
         {outcome(managerFileOpen(n1023.c_str(), 18, on(1, reply(0))) - record.s), "0 77 77 - ......"},
         {outcome(managerFileOpen(n1024.c_str(), 18, on(1, reply(0)))), "-255 255 0 Success ......"},
         // Without a data limit a transfer asks for it, and gives up when there is none; it only falls.
@@ -148,12 +149,14 @@ TEST(Exchange, TakesErrorsAndOddReplies) {
         {std::to_string(ManagerDataLimit), "32768"}, {outcome(managerGetMaxData(on(9, reply(0, be32(4096))))), "4096 77 77 - ......"},
         {outcome(managerGetMaxData(on(9, reply(0, be32(8192))))), "4096 77 77 - ......"},
         {outcome(managerDisconnect(on(10, reply(-3)))), "0 77 77 - ......"},
-        {outcome(managerFileClose(record.s)), "-243 243 9 Bad fil ......"}});
-    // clang-format on
+        {outcome(managerFileClose(record.s)), "-243 243 9 Bad fil ......"},
+        // clang-format on
+    };
+    for (const auto& [came, expected] : rows)
+        EXPECT_EQ(came, expected);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "\nError: KXSRV returned 0 for the bytes per block.\n");
-    EXPECT_EQ(scene.server.codes(),
-              "12 2 2 2 13 13 14 17 8 3 26 28 25 25 25 25 1 9 9 9 9 4 9 9 10");
+    EXPECT_EQ(scene.server.codes(), "12 2 2 2 13 13 14 17 8 3 26 28 25 25 25 1 9 9 9 9 4 9 9 10");
 }
 
 TEST(Exchange, SplitsReadsAndWrites) {
@@ -166,8 +169,8 @@ TEST(Exchange, SplitsReadsAndWrites) {
         return scene.expecting(36, readAnswers);
     };
     const auto outcome = [&](I32 rc) { return scene.sent(rc) + " " + std::string(text, 9); };
-    // clang-format off
-    expectEqual({
+    const Row rows[] = {
+        // clang-format off
         {outcome(managerFileRead(with(2, {ab, c}), 9, bytes, 3, 3)), "3; 3 00000009 00000002; 3 0000000b 00000001 ...abc..."},
         {outcome(managerFileRead(with(2, {ab, c}), 0, bytes, 6, 0)), "3; 3 00000000 00000002; 3 00000002 00000002 abc......"},
         {outcome(managerFileRead(with(1, {c}), 0, bytes, 2, 3)), "2; 3 00000000 00000001; 3 00000001 00000001 ...cc...."},
@@ -177,6 +180,9 @@ TEST(Exchange, SplitsReadsAndWrites) {
         {outcome(manager16GbFileRead(with(1, {ab}), 0, 7, bytes, 5, 0)), "2; 36 00000000 00000007 00000005 ab......."},
         {outcome(managerFileWrite(with(2), 7, "-abc", 3, 1)), "3; 4 00000007 00000002 6162; 4 00000009 00000001 63 ........."},
         {outcome(manager16GbFileWrite(with(2), 2, ~1U, "-abc", 3, 1)),
-         "3; 39 00000002 fffffffe 00000002 6162; 39 00000003 00000000 00000001 63 ........."}});
-    // clang-format on
+         "3; 39 00000002 fffffffe 00000002 6162; 39 00000003 00000000 00000001 63 ........."},
+        // clang-format on
+    };
+    for (const auto& [came, expected] : rows)
+        EXPECT_EQ(came, expected);
 }
