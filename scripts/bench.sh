@@ -188,14 +188,14 @@ use() {
     rm -f "$dest"/*
 }
 { printf '4321\006'; head -c $(((256 << 20) - 5)) /dev/urandom; } >"$source/256.rep"
-for size in 16 32 64 128; do
+for size in 16 32 64; do
     head -c $((size << 20)) "$source/256.rep" >"$source/$size.rep"
 done
 cat "$source"/256.rep "$source"/256.rep "$source"/256.rep "$source"/256.rep >"$source/1024.rep"
 
 # Less is copied where a chunk is smaller, and more often: what counts is the time of a chunk.
 header "1. copy between two servers: throughput of kxadmin, the bare loop's being 1"
-declare -A size_at=([32768]=256 [16384]=128 [4096]=32)
+declare -A size_at=([32768]=256 [16384]=64 [4096]=16)
 declare -A pairs_at=([32768]=$pairs [16384]=$((pairs + 2)) [4096]=$((pairs + 8)))
 for limit in 32768 16384 4096; do
     use "${size_at[$limit]}"
