@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
@@ -22,11 +23,10 @@ namespace {
 constexpr uint32_t LARGEST = 32768;
 constexpr int BUFFER_SIZE = 12288;
 
-/// A request: the opcode, pad length and parameter length stand before as many numbers as it has.
-/// The data lie half a page in, as they do in the program that is measured.
+/// A request: the opcode, pad length and parameter length stand before as many numbers as it has,
+/// and these before the data, which lie half a page in, as in the program that is measured.
 struct alignas(4096) Request {
-    char unused[2048 - 24];
-    uint32_t numbers[6];
+    uint32_t numbers[512];
     char data[LARGEST];
 };
 
@@ -52,7 +52,7 @@ static void receive(int s, void* p, size_t size) {
 /// Sends a request of the last `count` numbers and `size` bytes of data, and receives the reply's
 /// data at `pData`; returns how much it is.
 static uint32_t exchange(int s, uint32_t opcode, size_t count, size_t size, void* pData) {
-    uint32_t* const pHeader = request.numbers + 3 - count;
+    uint32_t* const pHeader = std::end(request.numbers) - 3 - count;
     pHeader[0] = htonl(opcode);
     pHeader[1] = 0;
     pHeader[2] = htonl(static_cast<uint32_t>(4 * count + size));
@@ -106,7 +106,7 @@ static int connectTo(const char* host, const char* port) {
 
 static void openFile(int s, uint32_t mode, const char* pszFile) {
     const size_t length = std::min(std::strlen(pszFile), sizeof request.data);
-    request.numbers[5] = htonl(mode);
+    std::end(request.numbers)[-1] = htonl(mode);
     std::memcpy(request.data, pszFile, length);
     exchange(s, 1, 1, length, answer);
 }
@@ -115,9 +115,10 @@ static void copy(int source, int dest, uint32_t limit) {
     uint64_t position = 0;
     for (uint32_t n = limit; n == limit; position += n) {
         const auto putRange = [&](uint32_t amount) {
-            request.numbers[3] = htonl(static_cast<uint32_t>(position >> 32));
-            request.numbers[4] = htonl(static_cast<uint32_t>(position));
-            request.numbers[5] = htonl(amount);
+            uint32_t* const pNumbers = std::end(request.numbers) - 3;
+            pNumbers[0] = htonl(static_cast<uint32_t>(position >> 32));
+            pNumbers[1] = htonl(static_cast<uint32_t>(position));
+            pNumbers[2] = htonl(amount);
         };
         putRange(limit);
         n = exchange(source, 36, 3, 0, request.data);

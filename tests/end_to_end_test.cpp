@@ -96,18 +96,20 @@ TEST(EndToEnd, ManyClientsLeaveNothingBehind) {
     };
     const auto before = descriptors();
     unsigned long pages = 0;
-    for (int i = 0; i < 10000; ++i) {
+    for (int i = 1; i <= 10000; ++i) {
         socketClose(socketConnectToHost("127.0.0.1", sandbox.port));
+        if (i % 100 != 0)
+            continue;
+        managerDisconnect(sandbox.connect()); // which is accepted behind all of them
+        while (descriptors() > before)        // until all have left
+            usleep(1000);
         if (i == 1000)
             pages = residentPages();
     }
     EXPECT_LT(residentPages(), pages + 1000);
-    managerDisconnect(sandbox.connect()); // which is accepted behind all of them
-    while (descriptors() > before)        // until all have left
-        usleep(1000);
     EXPECT_EQ(descriptors(), before);
     EXPECT_EQ(managerVerifyPassword(s, "", 0, "wrong", 5), -202);
-    EXPECT_EQ(managerKillConnection(s, 1), -202);
+    EXPECT_EQ(managerKillConnection(s, 99), -202);
     EXPECT_EQ(managerVerifyPassword(s, "", 0, "secret", 6), 0);
     managerStopServer(s);
     EXPECT_EQ(sandbox.run.finish(), 0) << "leaks"; // as the leak sanitizer sees it
