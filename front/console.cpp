@@ -35,10 +35,6 @@ void displayEmptyLine() {
         endLine();
 }
 
-void displayInAnyMode(const char* pszMessage) {
-    printTo(stdout, "%s\n", pszMessage);
-}
-
 __attribute__((format(printf, 2, 0))) static void printArguments(std::FILE* hf, const char* format,
                                                                  va_list args) {
     std::vfprintf(hf, format, args);

@@ -13,9 +13,6 @@ void displayConsoleMessage(const char* format, ...) __attribute__((format(printf
 /// Prints an empty line as a message.
 void displayEmptyLine();
 
-/// As displayConsoleMessage, for the few messages that file mode does not silence.
-void displayInAnyMode(const char* pszMessage);
-
 /// Prints on `hf` and flushes it, adding no line feed; file mode does not silence it. Write errors
 /// stay in the stream for whoever closes it.
 void printTo(std::FILE* hf, const char* format, ...) __attribute__((format(printf, 2, 3)));

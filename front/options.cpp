@@ -72,7 +72,7 @@ template<class Number> I32 readSize(const Limits& limits, Number* pSize) {
 I32 readFileOption(int operation) {
     if (operation == OPERATION_TEST) {
         if (!storeText(testInfo.szTempFile, pszOptArg)) {
-            displayInAnyMode("Temporary file path is too long.");
+            printTo(stdout, "Temporary file path is too long.\n");
             return -1;
         }
         testInfo.fOutputToFile = 1;
@@ -214,7 +214,7 @@ I32 prepareTest() {
     if (testInfo.fOutputToFile != 1)
         return ACCEPTED;
     if (testInfo.szTempFile[0] == '\0') {
-        displayInAnyMode("Temporary file path must be specified using -f for test command.");
+        printTo(stdout, "Temporary file path must be specified using -f for test command.\n");
         return SHOW_USAGE;
     }
     testInfo.hTempFile = basicOpenTempFile(testInfo.szTempFile);

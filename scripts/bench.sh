@@ -84,7 +84,7 @@ socat_default() {
 }
 tracer=()
 
-# What is copied to lies there already, one byte of it wrong; or nothing does, where $anew says so.
+# What is copied to lies there already, wrong in the middle; or nothing does, where $anew says so.
 anew=
 spoil() {
     local copy=$dest/$1.rep
@@ -93,7 +93,7 @@ spoil() {
         return
     fi
     [ -e "$copy" ] || cp "$source/$file" "$copy"
-    printf x | dd of="$copy" bs=1 seek=$((${file%.rep} << 19)) conv=notrunc status=none
+    printf 'spoilt..' | dd of="$copy" bs=8 seek=$((${file%.rep} << 16)) conv=notrunc status=none
 }
 
 # Whether a contestant has done its work: kxadmin's exit status does not tell.
