@@ -7,7 +7,6 @@
 #include "front/process.h"
 #include "front/version.h"
 
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -148,6 +147,6 @@ int main(int argc, char** argv) {
 
     closeOutput();
     if (EndingSignal != 0)
-        std::raise(EndingSignal);
-    std::exit(CommandEnding);
+        raiseSignal(EndingSignal);
+    return CommandEnding;
 }
