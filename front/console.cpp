@@ -1,7 +1,6 @@
 #include "front/console.h"
 
 #include <cctype>
-#include <cerrno>
 #include <clocale>
 #include <csignal>
 #include <cstdarg>
@@ -192,9 +191,8 @@ void setTerminalEcho(bool fOn) {
     sigprocmask(SIG_BLOCK, &held, &before);
     // Without a terminal there is no echo to switch, and the prompt goes on.
     const pid_t stty = startShell(fOn ? "stty echo" : "stty -echo");
-    int status;
-    while (stty > 0 && waitpid(stty, &status, 0) < 0 && errno == EINTR)
-        continue;
+    if (stty > 0)
+        waitpid(stty, nullptr, 0); // not interrupted: every handler restarts calls
     sigprocmask(SIG_SETMASK, &before, nullptr);
 }
 

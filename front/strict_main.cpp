@@ -113,7 +113,7 @@ static bool readLongOption(int argc, char** argv, int* pi) {
                    row.pszValue != nullptr ? "a" : "no");
         return false;
     }
-    return takeOption(option, pszValue);
+    return takeOption(option, pszValue != nullptr ? pszValue : "");
 }
 
 /// Takes in the options in front of the command word, whose place is then in *piCommand. False when
