@@ -140,8 +140,9 @@ row_debian_11() { debian bullseye g++,cmake,make,libgtest-dev,libgmock-dev; }
 row_debian_13() { debian trixie g++,cmake,make,libgtest-dev; }
 
 # In Debian 13, whose qemu knows openat2. A program of s390x is started by a script of its name. The
-# locale is made for the other order of bytes. Left out: the test that looks for the password in
-# /proc, where the arguments and the memory are qemu's.
+# locale is made for the other order of bytes. Left out: two tests that look into /proc, where the
+# program, its arguments and its memory are qemu's, and one whose posix_spawn has to fail, which
+# under qemu nobody is told.
 row_s390x() {
     in_root trixie g++,cmake,make,libgtest-dev "export DEBIAN_FRONTEND=noninteractive
         apt-get -qq install --no-install-recommends g++-s390x-linux-gnu qemu-user googletest locales
@@ -162,8 +163,9 @@ row_s390x() {
                 /work/$row/\$program.s390x >\$program
             chmod +x \$program
         done
-        ctest -j 4 --output-on-failure -E '^Secret[.]'"
-    passed " under qemu, but for what it finds in /proc"
+        ctest -j 4 --output-on-failure \
+            -E '^(Secret[.].*|Copy[.]EveryWay|EndToEnd[.]ASandboxRunsOneCommand)\$'"
+    passed " under qemu, but for three that qemu itself spoils"
 }
 
 # Debian has no C++ library for its musl; the compiler in this package brings both, linked statically.
