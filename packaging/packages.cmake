@@ -166,7 +166,6 @@ set(CPACK_RPM_PACKAGE_LICENSE LicenseRef-none-chosen)
 set(CPACK_RPM_COMPRESSION_TYPE xz)
 set(CPACK_RPM_PACKAGE_AUTOREQ ON)
 set(CPACK_RPM_KXADMIN_PACKAGE_GROUP "Applications/Internet")
-set(CPACK_RPM_KXADMIN_PACKAGE_REQUIRES /usr/bin/awk) # kxadmin-strict
 set(CPACK_RPM_KXSANDBOX_PACKAGE_GROUP "Development/Tools")
 set(CPACK_RPM_KXSANDBOX_PACKAGE_RECOMMENDS kxadmin)
 foreach(directory bash-completion bash-completion/completions fish fish/vendor_completions.d man

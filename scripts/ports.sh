@@ -157,7 +157,7 @@ row_s390x() {
             -DKX_GOOGLETEST=/usr/src/googletest
         cmake --build /work/$row --parallel $jobs
         cd /work/$row
-        for program in kxadmin kxsandbox; do
+        for program in kxadmin kxadmin-strict kxsandbox; do
             mv \$program \$program.s390x
             printf '#!/bin/sh\nexec /usr/bin/qemu-s390x -L %s %s \"\$@\"\n' \$prefix \
                 /work/$row/\$program.s390x >\$program
