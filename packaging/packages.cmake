@@ -38,20 +38,24 @@ install(FILES ${PACKAGING}/kxadmin-strict.1.gz DESTINATION ${CMAKE_INSTALL_MANDI
         COMPONENT kxadmin)
 
 set(BASH_COMPLETIONS ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
-install(FILES completion/kxadmin.bash DESTINATION ${BASH_COMPLETIONS} RENAME kxadmin
-        COMPONENT kxadmin)
-install_link(kxadmin kxadmin-strict ${BASH_COMPLETIONS})
 set(FISH_COMPLETIONS ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
-install(FILES completion/kxadmin.fish DESTINATION ${FISH_COMPLETIONS} COMPONENT kxadmin)
-install_link(kxadmin.fish kxadmin-strict.fish ${FISH_COMPLETIONS})
 # Where zsh looks: below /usr, as in the package, and elsewhere.
 set(ZSH_VENDOR ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
 set(ZSH_SITE ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   set(ZSH_SITE ${ZSH_VENDOR})
 endif()
-install(FILES completion/_kxadmin DESTINATION ${ZSH_VENDOR} COMPONENT kxadmin EXCLUDE_FROM_ALL)
-install(FILES completion/_kxadmin DESTINATION ${ZSH_SITE} COMPONENT unpackaged)
+foreach(component kxadmin kxsandbox)
+  install(FILES completion/${component}.bash DESTINATION ${BASH_COMPLETIONS} RENAME ${component}
+          COMPONENT ${component})
+  install(FILES completion/${component}.fish DESTINATION ${FISH_COMPLETIONS}
+          COMPONENT ${component})
+  install(FILES completion/_${component} DESTINATION ${ZSH_VENDOR}
+          COMPONENT ${component} EXCLUDE_FROM_ALL)
+  install(FILES completion/_${component} DESTINATION ${ZSH_SITE} COMPONENT unpackaged)
+endforeach()
+install_link(kxadmin kxadmin-strict ${BASH_COMPLETIONS})
+install_link(kxadmin.fish kxadmin-strict.fish ${FISH_COMPLETIONS})
 
 file(GLOB PAGES CONFIGURE_DEPENDS docs/*.md)
 install(FILES README.md ${PAGES} DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kxadmin
