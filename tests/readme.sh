@@ -10,38 +10,44 @@ trap 'rm -rf "$work"' EXIT
 unset BASH_ENV
 export TMPDIR=$work
 
-# The indented blocks: a line that begins with "$ " is a command, or one in front of the first such
-# line of its block, and what follows it is what it prints.
-awk '
-    /^    / {
-        line = substr($0, 5)
-        if (line ~ /^[$] / || !inside)
-            sub(/^([$] )?/, "$ ", line)
-        inside = 1
-        print line
-        next
-    }
-    /./ { inside = 0 }
-    inside { print "" }' README.md >"$work/page"
-
-# Each command behind one that shows it.
-commands() {
-    local line
-    while IFS= read -r line; do
-        case $line in
-        '$ scripts/'* | '$ cmake '* | '$ ctest '* | '$ sudo '* | '$ apt'*)
-            echo "Left out, it builds or installs: ${line#'$ '}" >&2
-            printf 'echo %q\n' "$line"
-            ;;
-        '$ '*) printf 'echo %q\n%s\n' "$line" "${line#'$ '}" ;;
-        esac
-    done <"$work/page"
+# The indented blocks. A line that begins with "$ " is a command, and what follows it is what it
+# prints; in a block that does not begin so, every line is a command.
+blocks() {
+    awk '
+        /^    / {
+            line = substr($0, 5)
+            if (!inside)
+                printing = line ~ /^[$] /
+            inside = 1
+            print (printing ? "" : "$ ") line
+            next
+        }
+        /./ { inside = 0 }
+        inside { print "" }' README.md
 }
+
+# Writes the commands, each behind one that shows it, and the part of the page that they are to
+# print.
+left_out=
+while IFS= read -r line; do
+    case $line in
+    '$ scripts/'* | '$ cmake '* | '$ ctest '* | '$ cpack '* | '$ sudo '* | '$ apt'* | '$ dpkg '*)
+        echo "Left out, it builds or installs: ${line#'$ '}"
+        left_out=1
+        ;;
+    '$ '*)
+        printf 'echo %q\n%s\n' "$line" "${line#'$ '}" >>"$work/commands"
+        left_out=
+        ;;
+    esac
+    [ -n "$left_out" ] || printf '%s\n' "$line" >>"$work/page"
+done < <(blocks)
 
 # From a pipe a shell takes no more than the command that it runs next: a command that is a shell
 # itself gets those that follow, as on a terminal.
 ln -s "$programs" "$work/build"
-commands | (cd "$work" && bash >printed 2>&1) || true # the status of the page's last command
+cd "$work"
+bash < <(cat commands) >printed 2>&1 || true # the status of the page's last command
 
 # Leaves what a terminal shows, without what differs from run to run. A blank line in front of a
 # command is the page's own.
@@ -54,9 +60,10 @@ mask() {
         { blank = 1 }'
 }
 diff -u --label README.md --label 'what its commands print' \
-    <(mask "$work/page") <(mask "$work/printed")
+    <(mask page) <(mask printed)
 
 # The folders of its table and what its links lead to.
+cd "$OLDPWD"
 {
     sed -n 's/^| \(`[^|]*\) |.*/\1/p' README.md | grep -oE '[a-z/]+/'
     grep -oE '\]\([^)]+' README.md | cut -c 3-
