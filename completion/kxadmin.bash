@@ -49,7 +49,8 @@ _kxadmin() {
     _init_completion -n := || return
     [[ ${words[0]} == *kxadmin-strict ]] && _kxadmin_long_options && return
     if ((cword == 1)); then
-        mapfile -t COMPREPLY < <(compgen -W 'stat opts list stop copy test bench help' -- "${cur,,}")
+        mapfile -t COMPREPLY < <(compgen -W 'stat opts list stop copy test bench help' \
+            -- "${cur,,}")
         return
     fi
     # The letters by which the program knows its commands.

@@ -4,7 +4,8 @@
 function __kxsandbox_command
     set -l words (commandline -opc)
     set -l dashes (contains -i -- -- $words)
-    complete -C (string join -- ' ' (string escape -- $words[(math $dashes + 1)..]) (commandline -ct))
+    set words (string escape -- $words[(math $dashes + 1)..]) (commandline -ct)
+    complete -C (string join -- ' ' $words)
 end
 
 complete -c kxsandbox -f
