@@ -87,6 +87,14 @@ set(FISH ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
 set(ZSH ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
 set(ZSH_DEBIAN ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
 
+# completions(<program>): of the package of the same name.
+function(completions program)
+  install_to(${program} ${BASH} completion/${program}.bash AS ${program})
+  install_to(${program} ${FISH} completion/${program}.fish)
+  install_to(${program} ${ZSH_DEBIAN} completion/_${program} IN deb)
+  install_to(${program} ${ZSH} completion/_${program} IN elsewhere)
+endfunction()
+
 # Programs, manual pages, completions and documents: a line for each.
 program(kxadmin kxadmin)
 program(kxadmin kxadmin-strict)
@@ -96,12 +104,10 @@ manual(kxadmin kxadmin.1)
 manual(kxadmin kxadmin-strict.1)
 manual(kxsandbox kxsandbox.1)
 
-install_to(kxadmin ${BASH} completion/kxadmin.bash AS kxadmin)
+completions(kxadmin)
 second_name(kxadmin ${BASH} kxadmin kxadmin-strict)
-install_to(kxadmin ${FISH} completion/kxadmin.fish)
 second_name(kxadmin ${FISH} kxadmin.fish kxadmin-strict.fish)
-install_to(kxadmin ${ZSH_DEBIAN} completion/_kxadmin IN deb)
-install_to(kxadmin ${ZSH} completion/_kxadmin IN elsewhere)
+completions(kxsandbox)
 
 document(kxadmin packaging/README.md)
 document(kxadmin docs/operations.md)
