@@ -1,11 +1,10 @@
 // Connecting: the socket's options, the greeting, the port and where it comes from, the attempts.
 #include "client/kxclient.h"
 #include "net/socket.h"
+#include "tests/expect.h"
 #include "tests/run_program.h"
 #include "tests/scratch.h"
 #include "tests/scripted_server.h"
-
-#include <gtest/gtest.h>
 
 #include <csignal>
 #include <linux/tcp.h>
@@ -68,10 +67,10 @@ TEST(Connect, SendsTheRestThatASignalKeptBack) {
     }
 }
 
-/// What is said of the first `count` attempts.
-static std::string attempts(const std::string& host, unsigned port, int count) {
+/// What is said of `count` failed attempts out of `all`.
+static std::string attempts(const std::string& host, unsigned port, int count, int all = 30) {
     std::string text;
-    for (int left = 30; left > 30 - count; --left)
+    for (int left = all; left > all - count; --left)
         text += "\rConnection to [" + host + "] port [" + std::to_string(port) +
                 "] failed.  Retrying [" + std::to_string(left) + "]  ";
     return text;
@@ -83,29 +82,29 @@ TEST(Connect, RetriesUntilTheServerAppears) {
     ASSERT_TRUE(run.waitFor("Retrying [29]"));
     ScriptedServer server(INADDR_LOOPBACK + 1, elsewhere.port);
     EXPECT_EQ(run.finish(), 0);
-    const std::string line = std::string(78, '=') + "\r\n";
-    EXPECT_EQ(run.output.substr(run.output.find("C\r\n") + 3),
-              attempts("127.0.0.2", server.port, 2) + "\rConnected" + std::string(54, ' ') +
-                  "\r\n\r\n" + line + line);
+    const std::string line = std::string(78, '=') + "\n";
+    expectText("[banner]\n" + attempts("127.0.0.2", server.port, 2) + "\rConnected" +
+                   std::string(54, ' ') + "\n\n" + line + line,
+               abridged(run.output));
 }
 
 TEST(Connect, GivesUp) {
     ScriptedServer elsewhere; // so that nobody listens at its port here
-    const Outcome outcome = runKxadmin({"stat", "127.0.0.3"}, elsewhere.port);
-    EXPECT_EQ(outcome.err,
+    const RunResult run = runKxadmin("stat 127.0.0.3", elsewhere.port);
+    EXPECT_EQ(run.err,
               attempts("127.0.0.3", elsewhere.port, 30) + "\r" + std::string(63, ' ') + "\r");
-    EXPECT_EQ(outcome.out,
-              banner + "Unable to connecto to KXSRV at [127.0.0.3] or IP Address is unkown.\n");
-    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(run.out,
+              "[banner]\nUnable to connecto to KXSRV at [127.0.0.3] or IP Address is unkown.\n");
+    EXPECT_EQ(run.status, 0);
 }
 
 TEST(Connect, ReportsToTheFileOfTestAndPrefersTheModifiersPort) {
     ScriptedServer unused;
     const Scratch files;
-    const std::string report = files.path("report");
-    const Outcome outcome = runKxadmin({"test", "-ra", "-f", report, "-P1ab"}, unused.port);
-    EXPECT_EQ(files.read("report"),
-              "1\nCould not connect to an KXSRV on localhost:1. Ensure that you have the correct "
-              "server address and port number and that KXSRV is running on that machine.\n");
-    EXPECT_EQ(outcome.out + outcome.err + unused.codes(), "");
+    const RunResult run = runKxadmin("test -ra -P1ab -f " + files.path("report"), unused.port);
+    expectText("1\nCould not connect to an KXSRV on localhost:1. Ensure that you have "
+               "the correct server address and port number and that KXSRV is running on "
+               "that machine.\n",
+               files.read("report"));
+    EXPECT_EQ(run.out + run.err + unused.trace(), "");
 }

@@ -8,8 +8,8 @@
 #include <termios.h>
 #include <unistd.h>
 
-Outcome runProgram(const std::string& program, const Arguments& arguments,
-                   const Environment& environment, const std::string& input) {
+RunResult runProgram(const std::string& program, const Arguments& arguments,
+                     const Environment& environment, const std::string& input) {
     const Scratch scratch;
     scratch.write("in", input);
     const std::string in = "cat " + scratch.path("in"), out = scratch.path("out"),
@@ -24,8 +24,28 @@ Environment serverAt(unsigned port) {
     return {{"KXSRV_CTRL_PORT", std::to_string(port)}};
 }
 
-Outcome runKxadmin(const Arguments& arguments, unsigned port, const std::string& input) {
-    return runProgram(KXADMIN_PROGRAM, arguments, serverAt(port), input);
+RunResult runKxadmin(const std::string& line, unsigned port, const std::string& input,
+                     const std::string& directory) {
+    Environment environment = serverAt(port);
+    for (const unsigned n : {30U, 31U, 79U, 80U, 1023U, 1024U})
+        environment["x" + std::to_string(n)] = std::string(n, 'x');
+    const std::string script =
+        "cd " + directory + "; \"$0\" " + line + "\nstatus=$?; cat; exit $status";
+    RunResult run = runProgram("/bin/sh", {"-c", script, KXADMIN_PROGRAM}, environment, input);
+    run.out = abridged(run.out);
+    return run;
+}
+
+static void replaceAll(std::string& text, const std::string& part, const std::string& by) {
+    for (auto at = text.find(part); !part.empty() && at != text.npos; at = text.find(part, at))
+        text.replace(at, part.size(), by);
+}
+
+std::string abridged(std::string text) {
+    static const std::string usage = runProgram(KXADMIN_PROGRAM, {}).out;
+    replaceAll(text, usage, "[usage]\n");
+    replaceAll(text, usage.substr(0, usage.find("\nUsage")), "[banner]\n");
+    return text;
 }
 
 TerminalRun::TerminalRun(const std::string& program, const Arguments& arguments,
@@ -66,8 +86,11 @@ TerminalRun::~TerminalRun() {
 bool TerminalRun::readMore() {
     char buffer[4096];
     const ssize_t n = read(terminal, buffer, sizeof buffer);
-    if (n > 0)
-        output.append(buffer, static_cast<std::size_t>(n));
+    for (ssize_t i = 0; i < n; ++i)
+        if (buffer[i] == '\n' && output.ends_with('\r'))
+            output.back() = '\n';
+        else
+            output += buffer[i];
     return n > 0;
 }
 

@@ -7,7 +7,7 @@
 
 #include <sys/types.h>
 
-struct Outcome {
+struct RunResult {
     int status = -1; // exit status; 128 and the signal when one ended it
     std::string out; // standard output
     std::string err; // standard error
@@ -21,14 +21,18 @@ Environment serverAt(unsigned port);
 
 /// Runs the program to its end with `input` on standard input. Its environment is PATH, LC_ALL=C
 /// and `environment`.
-Outcome runProgram(const std::string& program, const Arguments& arguments,
-                   const Environment& environment = {}, const std::string& input = "");
+RunResult runProgram(const std::string& program, const Arguments& arguments,
+                     const Environment& environment = {}, const std::string& input = "");
 
-/// kxadmin, for the server on `port`.
-Outcome runKxadmin(const Arguments& arguments, unsigned port, const std::string& input = "");
+/// kxadmin with this command line of the shell, for the server on `port`, in the directory. $x30
+/// and the like are as many times x. What the command leaves of its input is written behind its
+/// output, which is abridged.
+RunResult runKxadmin(const std::string& line, unsigned port, const std::string& input = "",
+                     const std::string& directory = "/");
 
-/// The banner in the C locale.
-inline const std::string banner = "\nKXADMIN 7.0a\nBy the kxadmin authors\nLocale: C\n";
+/// The text with "[usage]\n" for the banner and the usage text, "[banner]\n" for a banner alone:
+/// their words are the business of one test.
+std::string abridged(std::string text);
 
 /// A program on a terminal of its own.
 class TerminalRun {
@@ -47,7 +51,7 @@ public:
     /// Collects the rest of the output and the exit status.
     int finish();
 
-    std::string output;
+    std::string output; // without the terminal's carriage returns at the ends of lines
     pid_t process = -1;
 
 private:

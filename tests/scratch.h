@@ -4,12 +4,15 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 
 /// All of the file, or "(none)" when there is none.
 inline std::string readFile(const std::string& path) {
     std::ifstream stream(path, std::ios::binary);
-    return stream ? std::string(std::istreambuf_iterator(stream), {}) : "(none)";
+    std::ostringstream text;
+    text << stream.rdbuf();
+    return stream.is_open() ? text.str() : "(none)";
 }
 
 struct Scratch {
