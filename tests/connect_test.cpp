@@ -90,12 +90,12 @@ TEST(Connect, RetriesUntilTheServerAppears) {
 
 TEST(Connect, GivesUp) {
     ScriptedServer elsewhere; // so that nobody listens at its port here
-    const RunResult run = runKxadmin("stat 127.0.0.3", elsewhere.port);
-    EXPECT_EQ(run.err,
-              attempts("127.0.0.3", elsewhere.port, 30) + "\r" + std::string(63, ' ') + "\r");
-    EXPECT_EQ(run.out,
-              "[banner]\nUnable to connecto to KXSRV at [127.0.0.3] or IP Address is unkown.\n");
-    EXPECT_EQ(run.status, 0);
+    const Arguments words{"--tries", "2", "--progress", "stat", "127.0.0.3"};
+    const RunResult run = runProgram(KXADMIN_PROGRAM "-strict", words, serverAt(elsewhere.port));
+    expectText(attempts("127.0.0.3", elsewhere.port, 2, 2) + "\r" + std::string(63, ' ') + "\r",
+               run.err);
+    expectText("[banner]\nUnable to connecto to KXSRV at [127.0.0.3] or IP Address is unkown.\n",
+               abridged(run.out));
 }
 
 TEST(Connect, ReportsToTheFileOfTestAndPrefersTheModifiersPort) {
