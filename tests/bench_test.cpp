@@ -31,11 +31,8 @@ TEST(Bench, MeasuresEverySize) {
         std::string begins, ends; // what is said before and behind the dots
         std::string requests; // the last ones before the end
     } rows[] = {
-        {"-c1087", 1, running, finished, written + four + "CLOSE\n"},
         {"-c1088", 2, running, finished,
          written + four + passes(4096, {1088, 1088, 1088, 1088}) + "CLOSE\n"},
-        {"-c2112 # a rest of each sweep", 18, running, finished,
-         passes(4096, {2112, 1984}) + "CLOSE\n"},
         {"-c1024 -s51347 # up to the end of the data", 1, running, finished,
          passes(51347, std::vector<unsigned>(51, 1024)) + "CLOSE\n"},
         {"-s51348 # behind the end of the data", 0, running,

@@ -1,5 +1,4 @@
-// The protocol client: the bytes of every request, what every broken reply and every odd one comes
-// to, how reads and writes are split.
+// The protocol client: what odd replies come to, its limits, and how reads and writes are split.
 #include "net/socket.h"
 #include "tests/expect.h"
 #include "tests/requests.h"
@@ -7,8 +6,6 @@
 
 #include <cerrno>
 #include <climits>
-#include <fcntl.h>
-#include <unistd.h>
 
 using namespace std::string_literals;
 
@@ -43,50 +40,6 @@ struct Session {
 
 } // namespace
 
-TEST(Exchange, SendsItsBytes) {
-    for (const auto& [code, call, pszParameters] : requests) {
-        SCOPED_TRACE("request " + std::to_string(code));
-        Session session;
-        call(session.s);
-        const std::string request = session.server.requests().at(1); // behind the connection's own
-        EXPECT_EQ(hex(request.substr(12)), pszParameters);
-        EXPECT_EQ(hex(request), hex(requestBytes(code, request.substr(12))));
-    }
-}
-
-/// The request for statistics fails with `code` and the connection is closed once and for all: its
-/// number may belong to something else by then.
-static void expectLost(I32 s, I32 code) {
-    EXPECT_EQ(managerGetKXSRVStats(s, text), code);
-    EXPECT_EQ(text[0], '.');
-    ASSERT_EQ(fcntl(0, F_DUPFD, s), s) << "still open";
-    EXPECT_EQ(managerDisconnect(s), -243);
-    EXPECT_EQ(close(s), 0) << "closed twice";
-}
-
-TEST(Exchange, LosesTheConnectionOfABrokenReply) {
-    std::vector<std::pair<Answer, I32>> rows;
-    const std::string whole = replyBytes(0, "eight  b", "pad.");
-    for (std::size_t k = 0; k < whole.size(); ++k)
-        for (const Answer::After after : {Answer::CLOSE, Answer::RESET})
-            rows.push_back({{whole.substr(0, k), after}, k < 12 ? -242 : -240});
-    // Nothing follows a header that announces too much, and the client does not wait for it.
-    for (const auto& [padLength, length] : {std::pair(0U, 32769U), {1U, 32768U}, {1U, ~0U}})
-        rows.push_back({{be32(0) + be32(padLength) + be32(length), Answer::STALL}, -241});
-    for (const auto& [answer, code] : rows) {
-        SCOPED_TRACE("all that comes is " + hex(answer.bytes));
-        Session session;
-        session.server.on(13, {answer});
-        expectLost(session.s, code);
-    }
-    SCOPED_TRACE("the connection is reset before the request");
-    Session session;
-    EXPECT_EQ(session.call(20, {replyBytes(0), Answer::RESET}), 0);
-    while (SocketPeek(session.s) > 0)
-        continue;
-    expectLost(session.s, -243);
-}
-
 TEST(Exchange, TakesErrorsAndOddReplies) {
     const std::string full(32768, 'x'), success = "Success";
     // clang-format off
@@ -99,16 +52,11 @@ TEST(Exchange, TakesErrorsAndOddReplies) {
         std::string errorText = "-", shown = "......"; // and these are so
     } rows[] = {
         {"a system error", 20, reply(5, "refused\0x"s + full.substr(9)), -5, 0, 5, "refused"},
-        {"a text without a NUL", 20, {replyBytes(5, "cut", "pad")}, -5, 0, 5, "cut"},
         {"a protocol error", 20, reply(INT_MIN, full), INT_MIN, 0x80000000, 0, ""},
         {"the most data", 13, reply(0, full), 0, 77, 77, "-", "xxxxxx"},
-        {"the most pad bytes", 13, {replyBytes(0, "", full)}, 0},
         {"an error of the connection list", 14, reply(-7, "part"), -7, 77, 77, "-", "part.."},
-        {"an error of the stop", 17, reply(5, "no"), 0},
-        {"an error of the farewell", 10, reply(-3), 0},
         {"a size that is no number", 8, reply(0, "12345"), -249, 249, 0, success},
         {"more than was asked for", 3, reply(0, full), -249, 249, 0, success},
-        {"a space that is no pair", 26, reply(0, be32(9)), -249, 249, 0, success},
         {"a type cut short", 28, reply(0, "123"), -1, 255, 0, success},
     };
     // clang-format on
@@ -123,23 +71,6 @@ TEST(Exchange, TakesErrorsAndOddReplies) {
         EXPECT_EQ(ManagerErrorText, row.errorText);
         EXPECT_EQ(std::string(text, 6), row.shown);
     });
-}
-
-TEST(Exchange, TakesTheServersTypeAndVersion) {
-    Session session;
-    const std::string full(32768, 'x');
-    session.server.on(28, {reply(0, be32(6) + full.substr(4))});
-    EXPECT_EQ(BasicQueryServerType(session.s, text), 2);
-    EXPECT_EQ(std::string(text), full.substr(0, SERVER_VERSION_SIZE - 1));
-    for (const auto& [data, version, id] :
-         {std::tuple{"7.0a\0\1\2\3\4"s, "7.0a"s, "\1\2\3\4"s},
-          {"7.0b\0\1\2\3"s, "7.0b", "\0\0\0\0"s},
-          {full.substr(5) + "\0\1\2\3\4"s, full.substr(0, 128), "\1\2\3\4"}}) {
-        session.call(25, reply(0, data));
-        const CONNECT_PARAMS& record = *recordOf(session.s);
-        EXPECT_EQ(record.versionStr, version);
-        EXPECT_EQ(std::string(reinterpret_cast<const char*>(&record.versionId), 4), id);
-    }
 }
 
 TEST(Exchange, KeepsToItsLimits) {
@@ -183,10 +114,6 @@ TEST(Exchange, SplitsReadsAndWrites) {
     } rows[] = {
         {"a read", 2, [](I32 s) { return managerFileRead(s, 9, text, 3, 3); }, 3,
          "READ 9 2\nREAD 11 1\n", {ab, c}, "...abc..."},
-        {"a read up to the end", 2, [](I32 s) { return managerFileRead(s, 0, text, 6, 0); }, 3,
-         "READ 0 2\nREAD 2 2\n", {ab, c}, "abc......"},
-        {"a read of nothing", 1, [](I32 s) { return managerFileRead(s, 5, text, 0, 0); }, 0,
-         "READ 5 0\n", {reply(0)}},
         {"a read across 4 GB", 2, [](I32 s) { return manager16GbFileRead(s, 2, ~1U, text, 5, 3); },
          5, "READ 2 4294967294 2\nREAD 3 0 2\nREAD 3 2 1\n", {ab, ab, c}, "...ababc."},
         {"a limit of 1", 1, [](I32 s) { return manager16GbFileRead(s, 0, 7, text, 5, 0); },

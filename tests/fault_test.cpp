@@ -1,4 +1,4 @@
-// One oracle, swept over every fault: whatever the server or the streams do, the program ends by
+// One oracle, swept over every fault: whatever the server does, the program ends by
 // itself and tells the truth by its status, 0 only when its work is done. It leaves no lock on a
 // link that works, no process and no file but its own. Every step is refused once; of the other
 // faults KX_FAULTS=all tries every one, and otherwise a sample is tried.
@@ -13,21 +13,16 @@
 
 namespace {
 
-/// A command, and the sign that its work is done.
+/// A command, the sign that its work is done and the file that it leaves behind.
 struct Scene {
-    const char* pszLine;
-    std::string done; // in what it says, in its file, or in what the server granted
-    std::string input = "";
-    std::string file = ""; // that it leaves behind
+    const char *pszLine, *pszDone, *pszFile = "";
 };
 
 struct Ending {
-    int status = -1;
-    std::string said;    // on both streams, behind the banner
-    std::string trace;   // all requests
-    std::string granted; // those that were answered with success, and "copied" for an equal copy
-    bool fDone = false;
-    std::string left; // what is left behind and should not be
+    int status;
+    std::string said, trace; // in its file too, and behind the banner
+    std::string granted;     // the requests that were answered with success; "copied" where it is
+    std::string left;        // what is left behind and should not be
 };
 
 /// One kind of fault, of which a sample is tried unless all are asked for.
@@ -54,12 +49,12 @@ static const Scene scenes[] = {
     {"list -l1", "served"},
     {"opts", "served"},
     {"opts -s1 -p", "source LEVEL 1\n"},
-    {"stop -p", "source STOP\n", "y\n"},
+    {"stop -p", "source STOP\n"},
     {"stop -p -k3", "source KILL 3\n"},
     {"test -r a.rep", "a valid repository"},
-    {"test -r a.rep -f report", "0\n", "", "report"},
-    {"bench -c1024", "1024 , ", "", "kxbench.log"},
-    {"copy -p secret -f 'touch done;echo' a.rep b.rep", "source UNLOCK", "", "done"},
+    {"test -r a.rep -f report", "a valid repository", "report"},
+    {"bench -c1024", "1024 , ", "kxbench.log"},
+    {"copy -p secret -f 'touch done;echo' a.rep b.rep", "source UNLOCK", "done"},
     {"copy -p secret a.rep 127.0.0.2:b.rep", "copied"},
 };
 
@@ -75,68 +70,56 @@ static bool isSuccess(const std::string& bytes) {
     return getNumber(&bytes[0]) == 0 && behind <= 32768 && bytes.size() >= 12 + behind;
 }
 
-static Ending run(const Scene& scene, const Harm& harm, const std::string& streams = "") {
+static Ending run(const Scene& scene, const Harm& harm) {
     prctl(PR_SET_CHILD_SUBREAPER, 1); // the processes that a command leaves behind come to us
     const Scratch scratch;
     ScriptedServer server{INADDR_ANY};
     server.source.files["a.rep"] = repository(2000);
-    server.source.dataLimit = scene.file == "kxbench.log" ? 32768 : 1000;
+    server.source.dataLimit = has(scene.pszLine, "copy") ? 1000 : 32768;
     for (const U32 code : {13U, 15U, 21U, 24U})
         server.on(code, {reply(0, "served")});
     server.on(REQUEST_GET_CONNECTION_LIST, {reply(1, "served")});
     harm(server);
-    Ending ending;
+    std::string granted;
     server.disturb = [&, disturb = server.disturb](const std::string& line, const Answer& answer) {
         const Answer given = disturb != nullptr ? disturb(line, answer) : answer;
-        ending.granted += isSuccess(given.bytes) ? line : "";
+        granted += isSuccess(given.bytes) ? line : "";
         return given;
     };
     // A run that would not end is ended with status 124.
-    const std::string script = "cd " + scratch.directory +
-                               "; exec timeout --foreground 20 \"$0\" " + scene.pszLine + " " +
-                               streams;
-    const RunResult result =
-        runProgram("/bin/bash", {"-o", "pipefail", "-c", script, KXADMIN_PROGRAM "-strict"},
-                   serverAt(server.port), scene.input);
-    ending.status = result.status;
-    ending.said = result.out.substr(std::min(result.out.size(), result.out.find("C\n") + 2));
-    ending.said += result.err;
-    ending.trace = server.trace();
+    const std::string script =
+        "cd " + scratch.directory + "; exec timeout --foreground 20 \"$0\" " + scene.pszLine;
+    const RunResult result = runProgram("/bin/sh", {"-c", script, KXADMIN_PROGRAM "-strict"},
+                                        serverAt(server.port), "y\n");
+    const std::string said = abridged(result.out) + result.err + scratch.read(scene.pszFile);
     if (server.dest.files["b.rep"] == server.source.files["a.rep"])
-        ending.granted += "copied";
-    ending.fDone = has(ending.said, scene.done) || has(ending.granted, scene.done) ||
-                   has(scratch.read(scene.file), scene.done);
-    if (waitpid(-1, nullptr, WNOHANG) >= 0)
-        ending.left = "a process";
+        granted += "copied";
+    std::string left = waitpid(-1, nullptr, WNOHANG) >= 0 ? "a process " : "";
     for (const auto& entry : std::filesystem::directory_iterator(scratch.directory))
-        if (entry.path().filename() != scene.file)
-            ending.left += entry.path();
-    return ending;
+        left += entry.path().filename() != scene.pszFile ? entry.path() : "";
+    return {result.status, said, server.trace(), granted, left};
 }
 
 /// The oracle. The link to the source is broken by some faults.
 static void judge(Kind& kind, const Scene& scene, const Ending& ending, const std::string& fault,
                   bool fLinkBroken = false) {
-    std::string complaint;
-    if (ending.status != 0 && (ending.status < 2 || ending.status > 4))
-        complaint += "status " + std::to_string(ending.status) + "; ";
-    if (ending.status == 0 && !ending.fDone)
+    const auto& [status, said, trace, granted, left] = ending;
+    std::string complaint = left.empty() ? "" : "left behind: " + left + "; ";
+    if (status != 0 && (status < 2 || status > 4))
+        complaint += "status " + std::to_string(status) + "; ";
+    if (status == 0 && !has(said, scene.pszDone) && !has(granted, scene.pszDone))
         complaint += "status 0, but its work is not done; ";
-    // The report of test is silent on a server that cannot be asked.
-    if (ending.status != 0 && ending.said.empty() && scene.file != "report")
+    if (status != 0 && said == "[banner]\n")
         complaint += "not a word of the failure; ";
     // Where nothing has been read yet, the end of the connection is enough.
-    const auto lock = std::min(ending.trace.size(), ending.trace.find("source LOCK "));
-    const std::string behind = ending.trace.substr(lock);
-    if (!fLinkBroken && has(ending.granted, "source LOCK ") && !has(behind, "source UNLOCK") &&
+    const std::string behind = trace.substr(std::min(trace.size(), trace.find("source LOCK ")));
+    if (!fLinkBroken && has(granted, "source LOCK ") && !has(behind, "source UNLOCK") &&
         (has(behind, "source READ") || !has(behind, "source DISCONNECT")))
         complaint += "the source is still locked; ";
-    if (!ending.left.empty())
-        complaint += "left behind: " + ending.left;
     ++kind.iTried;
     kind.iSurvived += complaint.empty();
     EXPECT_EQ(complaint, "") << scene.pszLine << ", " << kind.pszName << ": " << fault << "\n"
-                             << ending.said << ending.trace;
+                             << said << trace;
 }
 
 /// Tries change(answer, v), for each variant v, on every step of every command, and with `fAll` on
@@ -200,7 +183,7 @@ TEST(Faults, IsLiedTo) {
         byte = static_cast<char>(byte ^ 1 << v % 8);
         const U64 announced = U64{getNumber(&lie[4])} + getNumber(&lie[8]);
         lie.resize(12 + std::min<U64>(announced, 140000), 'x');
-        return Answer{lie, Answer::CLOSE};
+        return Answer{lie, announced > 140000 ? Answer::STALL : Answer::CLOSE};
     });
 }
 
@@ -236,25 +219,6 @@ TEST(Faults, IsAnsweredInPieces) {
             };
         });
         judge(kind, scene, slow, "variant " + std::to_string(v));
-        expectText(whole.said, slow.said);
         expectText(whole.trace, slow.trace);
-    });
-}
-
-TEST(Faults, HasNoStreams) {
-    static const char* const streams[] = {">&-",        "<&-",         "2>&-",  "<&- >&- 2>&-",
-                                          ">/dev/full", "2>/dev/full", "| true"};
-    sweep({"broken streams", 3}, 7, [](Kind& kind, const Scene& scene, int v) {
-        const Ending ending = run(
-            scene, [](ScriptedServer&) {}, streams[v]);
-        const bool fUnanswered = !scene.input.empty() && streams[v][0] == '<';
-        const bool fShown = scene.done == "served" || scene.done == "a valid repository";
-        if (fShown || fUnanswered) {
-            EXPECT_LE(ending.status, 4) << scene.pszLine << streams[v];
-        } else {
-            EXPECT_TRUE(ending.fDone) << scene.pszLine << streams[v];
-        }
-        kind.iSurvived += ending.fDone || fUnanswered || fShown;
-        ++kind.iTried;
     });
 }

@@ -61,21 +61,20 @@ TEST(Program, ShowsItsUsageToWhoIsNotUnderstood) {
         Name name; // the command line
         std::string message = "", err = "";
     } rows[] = {
-        {"/?"}, {"-Help"}, {"Hx"}, {"stat -h"}, {"stat -f x"}, {"list -Z98"},
+        {"/?"}, {"-Help"}, {"stat -h"}, {"stat -f x"},
         {"stat -c1024 -oqb -l '' -s '' -k999 -Z99 -Z100 -r $x1023 -t $x1023 -p $x30 -ph"},
         {"bench -s65536 -s4096 -c36864 -l $x1023 -h"},
         {"st", "Unrecognized command option [st].\n"},
         {"''", "Unrecognized command option [].\n"},
         {"stat h -qx", "", "stat: invalid option -- x\n"},
         {"sta -qP", "", "sta: option requires an argument -- P\n"},
-        {"stat -qP00480", "[00480]" + range}, {"stat -P12abc", "[12abc]" + range},
+        {"stat -qP00480", "[00480]" + range},
         {"list -Z1000", "[1000]" + range}, {"list -l12345", "[12345]" + range},
         {"opts -s12", "[12]" + range}, {"stop -k1000", "[1000]" + range},
         {"bench -c100000", "[100000]" + range},
         {"stat -oqP -1", "[-1] must be a positive number.\n"},
-        {"stat -P -0", number}, {"stat -P+5", number}, {"stat -P ''", number},
-        {"stat '-P 5'", number}, {"opts -l x -sx", number},
-        {"list -s3 -l4", onlyOne}, {"list -l4 -l4", onlyOne},
+        {"stat -P -0", number}, {"opts -l x -sx", number},
+        {"list -s3 -l4", onlyOne},
         {"stop -p -p", "d" + duplicate}, {"stop -p a -p $x31", "d" + duplicate},
         {"stop -p a -p b", "D" + duplicate},
         {"cOpYing -f $x79 a",
@@ -164,7 +163,6 @@ TEST(Program, ShowsTheServersTexts) {
          {{13, reply(0, "up\n100%s\n")}}},
         {"stat # every byte", open + std::string(all).insert(9, "\r") + line, statistics,
          {{13, reply(0, all)}}},
-        {"stat # as much as fits", open + full + line, statistics, {{13, reply(0, full)}}},
         {"stat # up to a NUL", open + "a" + line, statistics, {{13, reply(0, "a\0b"s)}}},
         {"stat", open + "Failed receiving statistics.\n", statistics, {{13, no}}},
         {"stat # without a data limit", "", "", {{9, reply(0, be32(0))}}},
@@ -179,7 +177,6 @@ TEST(Program, ShowsTheServersTexts) {
         {"o -l5", open + "o\r\n" + line, "OPTIONS\n" + bye, {{24, reply(0, "o\n")}}},
         {"opts", "Error retrieving KXSRV options.\n", "OPTIONS\n" + bye, {{24, no}}},
         {"opts # of a PXSRV", open + line, "VERSION\nOPTIONS\n" + bye, {{28, pxsrv}}},
-        {"opts # without a version", "", "VERSION\n", {{28, pxsrv}, {25, no}}},
         {"stat # of a PXSRV", onPxsrv, "", {{28, pxsrv}}},
     };
     // clang-format on
@@ -209,12 +206,8 @@ TEST(Program, SetsTheLoggingLevel) {
         {"opts -s2 # the longest password", prompt + set2, "PASSWORD ~" + x30 + "~\n" + level2, {},
          x30 + "\n"},
         {"opts -s2 # a longer one", prompt + cancelled + "rest", bye, {}, x30 + "y\nrest"},
-        {"opts -s2 # beyond its buffer", prompt + cancelled + "rest", bye, {},
-         std::string(5000, 'x') + "\nrest"},
         {"opts -s2 # a wrong one of a PXSRV", pxPrompt + cancelled, "VERSION\n" + empty + bye,
          {{28, pxsrv}, {11, no}}},
-        {"opts -s2 # of another server", "\n\n" + set2, "VERSION\n" + empty + level2,
-         {{28, reply(0, be32(2))}}},
     };
     // clang-format on
     forEachRow(rows, expectRun);
@@ -234,7 +227,6 @@ TEST(Program, StopsAServerOrAConnection) {
          "PASSWORD ~pw~\nCONNECTIONS\nSTOP\n", {{14, reply(1)}}, "pw\ny\n"},
         {"stop -p # neither, then no", three + three + cancelled, empty + "CONNECTIONS\n",
          {{14, reply(3)}}, "\xFF\r\nn\n"},
-        {"stop -p # no answer", three + cancelled, empty + "CONNECTIONS\n", {{14, reply(3)}}},
         {"stop -p # a wrong password", "Password is invalid.\n", empty, {{11, no}}},
         {"stop -p # a PXSRV", stopped, "VERSION\n" + empty + "STOP\n", {{28, pxsrv}}},
         {"stop -p -k0 # of a PXSRV", "PXSRV command STOP -k is not supported.\n",

@@ -1,16 +1,11 @@
 // docs/protocol.md: its transcripts, replayed to the sandbox that it tells to start.
 #include "client/exchange.h"
-#include "net/socket.h"
 #include "tests/expect.h"
-#include "tests/run_program.h"
-#include "tests/scratch.h"
-#include "tests/scripted_server.h"
+#include "tests/sandbox.h"
 
 #include <fnmatch.h>
 #include <regex>
 #include <set>
-
-static const std::string pageFile = KX_SOURCE_DIR "/docs/protocol.md";
 
 static std::vector<std::smatch> matches(const std::string& text, const std::string& pattern) {
     const std::regex regex(pattern);
@@ -32,107 +27,65 @@ static std::string bytesOf(const std::string& line) {
     return text;
 }
 
-static bool fits(const std::string& bytes, const std::string& onPage) {
-    return fnmatch(bytesOf(onPage).c_str(), digits(bytes).c_str(), 0) == 0;
-}
-
-/// Whether the message is what the page has; if not, tells the lines of it that the page has not,
-/// in the page's notation.
-static testing::AssertionResult isOnPage(const std::string& bytes, const std::string& onPage) {
-    if (fits(bytes, onPage))
-        return testing::AssertionSuccess();
-    std::vector<std::string> pieces{bytes}; // a text stands on lines behind its header
-    if (bytes.ends_with('\n')) {
-        pieces = {bytes.substr(0, 12)};
-        for (const auto& line : matches(bytes.substr(12), ".*\n"))
-            pieces.push_back(line.str());
-    }
-    testing::AssertionResult result = testing::AssertionFailure() << "not on the page:";
+/// Expects the message that the page has. Where it has lines, they are the header and a text's
+/// lines.
+static void expectMessage(const std::string& onPage, const std::string& message) {
     const auto lines = matches(onPage, ".+");
-    for (const std::string& piece : pieces)
-        if (std::none_of(lines.begin(), lines.end(),
-                         [&](const auto& line) { return fits(piece, line.str()); }))
-            result << "\n  "
-                   << (piece.ends_with('\n') ? '"' + piece.substr(0, piece.size() - 1) + "\" 0a"
-                                             : hex(piece));
-    return result;
-}
-
-static std::string receive(I32 s, U32 u32Length) {
-    std::string bytes(std::min(u32Length, U32{65536}), '\0');
-    const I32 iGot = socketReceiveBuffer(s, bytes.data(), static_cast<I32>(bytes.size()));
-    return bytes.substr(0, static_cast<std::size_t>(std::max(iGot, 0)));
-}
-
-namespace {
-
-/// What the transcripts have done so far.
-struct Replay {
-    U32 port = 0;
-    std::map<std::string, I32> connections; // by name
-    std::set<U32> codes;
-};
-
-} // namespace
-
-/// Sends what one message of a transcript says, or expects it.
-static void replay(Replay& all, const std::string& name, char cDirection,
-                   const std::string& message) {
-    const bool fNew = !all.connections.contains(name);
-    I32& s = all.connections[name];
-    if (fNew) {
-        s = socketConnectToHost("127.0.0.1", all.port);
-        const timeval patience{10, 0}; // with a reply that the page has and the sandbox has not
-        setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    std::size_t at = 0;
+    for (const auto& line : lines) {
+        const bool fText = at != 0;
+        std::size_t end = lines.size() == 1 ? message.size() : 12;
+        if (fText)
+            end = message.find('\n', at) + 1;
+        const std::string got = message.substr(at, end - at);
+        ASSERT_EQ(fnmatch(bytesOf(line.str()).c_str(), digits(got).c_str(), 0), 0)
+            << "the page:    " << line.str() << "\nthe sandbox: "
+            << (fText ? '"' + got.substr(0, got.size() - 1) + "\" 0a" : hex(got));
+        at = end;
     }
-    if (cDirection == '>') {
-        std::string bytes;
-        const std::string hexadecimal = bytesOf(message);
-        for (std::size_t i = 0; i < hexadecimal.size(); i += 2)
-            bytes += static_cast<char>(std::stoi(hexadecimal.substr(i, 2), nullptr, 16));
-        socketSendBuffer(s, bytes.data(), static_cast<I32>(bytes.size()));
-        all.codes.insert(getNumber(bytes.data()));
-    } else if (message == "end") {
-        ASSERT_EQ(receive(s, 1), "");
-        socketClose(s);
-        all.connections.erase(name);
-    } else {
-        std::string got = receive(s, fNew ? 4 : 12);
-        if (got.size() == 12)
-            got += receive(s, getNumber(&got[4]) + getNumber(&got[8]));
-        ASSERT_TRUE(isOnPage(got, message));
-    }
+    EXPECT_EQ(message.substr(at), "") << "behind what the page has";
 }
 
 TEST(ProtocolPage, ItsTranscriptsAreTrue) {
-    const Scratch scratch;
-    const std::string page = readFile(pageFile);
-    const std::string start = "cd " + scratch.directory +
-                              "; PATH=$(dirname " KXSANDBOX_PROGRAM "):$PATH\n" +
-                              matches(page, "```sh\n([^`]*)```").at(0).str(1);
-    TerminalRun sandbox("/bin/sh", {"-c", start}, {});
-    ASSERT_TRUE(sandbox.waitFor("port ") && sandbox.waitFor("\n")) << sandbox.output;
-    Replay all;
-    all.port =
-        static_cast<U32>(std::stoul(sandbox.output.substr(sandbox.output.find("port ") + 5)));
+    const std::string file = KX_SOURCE_DIR "/docs/protocol.md", page = readFile(file);
+    const std::string start = matches(page, "```sh\n([^`]*)```").at(0).str(1);
+    Sandbox sandbox("", start);
+    std::map<std::string, std::unique_ptr<Peer>> peers; // by name
+    std::set<U32> codes;
     for (const auto& block : matches(page, "```wire\n([^`]*)```")) {
         const std::string transcript = std::regex_replace(block.str(1), std::regex(" *#.*"), "");
-        for (const auto& message : matches(transcript, "(\\w*)([<>]) (.*(?:\n .*)*)")) {
-            const auto line =
-                std::count(page.begin(), page.begin() + block.position(1), '\n') +
-                std::count(transcript.begin(), transcript.begin() + message.position(), '\n');
-            const testing::ScopedTrace trace(pageFile.c_str(), static_cast<int>(line) + 1,
+        for (const auto& found : matches(transcript, "(\\w*)([<>]) (.*(?:\n .*)*)")) {
+            const auto line = std::count(page.begin(), page.begin() + block.position(1), '\n') +
+                              std::count(&transcript[0], &transcript[0] + found.position(), '\n');
+            const testing::ScopedTrace trace(file.c_str(), static_cast<int>(line) + 1,
                                              "this message of the page");
-            replay(all, message.str(1), message.str(2)[0], message.str(3));
+            const std::string message = found[3];
+            std::unique_ptr<Peer>& peer = peers[found[1]];
+            const bool fNew = peer == nullptr;
+            if (fNew)
+                peer = std::make_unique<Peer>(sandbox);
+            if (found[2] == ">") {
+                const std::string hexadecimal = bytesOf(message);
+                std::string bytes;
+                for (std::size_t i = 0; i < hexadecimal.size(); i += 2)
+                    bytes += static_cast<char>(std::stoi(hexadecimal.substr(i, 2), nullptr, 16));
+                peer->send(bytes);
+                codes.insert(getNumber(bytes.data()));
+            } else if (message == "end") {
+                EXPECT_EQ(peer->receive(1), "");
+                peer = nullptr;
+            } else {
+                expectMessage(message, fNew ? peer->greeting : peer->receiveReply());
+            }
             ASSERT_FALSE(testing::Test::HasFailure());
         }
     }
-    ASSERT_TRUE(all.codes.contains(REQUEST_STOP_SERVER));
-    EXPECT_EQ(sandbox.finish(), 0);
+    ASSERT_TRUE(codes.contains(REQUEST_STOP_SERVER));
+    EXPECT_EQ(sandbox.run.finish(), 0);
     const std::string header = readFile(KX_SOURCE_DIR "/client/protocol.h");
     for (const auto& row : matches(header, "(REQUEST_\\w+) = (\\d+),")) {
         const std::string title = "\n### " + row.str(2) + " `" + row.str(1) + "`\n";
         EXPECT_NE(page.find(title), page.npos) << "no chapter" << title;
-        EXPECT_TRUE(all.codes.contains(static_cast<U32>(std::stoul(row[2])))) << title;
+        EXPECT_TRUE(codes.contains(static_cast<U32>(std::stoul(row[2])))) << title;
     }
 }

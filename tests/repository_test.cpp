@@ -31,8 +31,6 @@ TEST(Repository, IsJudgedOnTheConsoleAndInTheReport) {
         {"open elsewhere", 5, {}, '3', noOpen + denied},
         {"not to be opened", 13, {}, '8', "Unexpected error rc=-13 opening repository " + path + "."},
         {"locked elsewhere", 0, reply(33), '4', noRead + denied},
-        {"denied elsewhere", 0, reply(5), '4', noRead + denied},
-        {"not to be read", 0, reply(13), '5', tooSmall, false},
         {"a byte too small", 0, reply(0, header.substr(1)), '5', tooSmall, false},
         {"of another pattern", 0, reply(0, "4320" + header.substr(4)), '6',
          notOne + ". Check pattern missing in header."},

@@ -7,11 +7,14 @@
 #include "tests/scratch.h"
 #include "tests/scripted_server.h"
 
-/// With the password "secret", at a port of the system's choice unless told.
+/// With the password "secret", at a port of the system's choice, or as a script starts it.
 struct Sandbox : Scratch {
-    explicit Sandbox(const std::string& options = "-P0")
+    explicit Sandbox(const std::string& options = "-P0", const std::string& script = "")
         : run("/bin/sh",
-              {"-c", "exec \"$0\" -d " + directory + " -psecret " + options, KXSANDBOX_PROGRAM},
+              {"-c",
+               "cd " + directory + "; PATH=$(dirname $0):$PATH\n" +
+                   (script.empty() ? "exec kxsandbox -psecret " + options : script),
+               KXSANDBOX_PROGRAM},
               {}) {
         run.waitFor("\n");
         port = static_cast<U16>(std::stoul(run.output.substr(run.output.find("port ") + 5)));
@@ -26,6 +29,7 @@ struct Peer {
     explicit Peer(const Sandbox& sandbox)
         : s(socketConnectToHost("127.0.0.1", sandbox.port)), greeting(receive(4)) {}
     ~Peer() {
+        ask(REQUEST_DISCONNECT); // when the reply comes, the server has nothing of it any more
         socketClose(s);
     }
     Peer(Peer&&) = delete;
@@ -36,16 +40,21 @@ struct Peer {
         const I32 n = socketReceiveBuffer(s, bytes.data(), static_cast<I32>(most));
         return bytes.substr(0, static_cast<std::size_t>(std::max(n, 0)));
     }
+    std::string receiveReply() const {
+        const std::string header = receive(12);
+        return header.size() < 12 ? header
+                                  : header + receive(getNumber(&header[4]) + getNumber(&header[8]));
+    }
     void send(const std::string& bytes) const {
         socketSendBuffer(s, bytes.data(), static_cast<I32>(bytes.size()));
     }
     /// The result of the next reply, or ENDED; its data go to `data`.
     I32 takeReply() {
-        const std::string header = receive(12);
-        if (header.size() < 12)
+        const std::string bytes = receiveReply();
+        if (bytes.size() < 12)
             return ENDED;
-        data = receive(getNumber(&header[4]) + getNumber(&header[8]));
-        return static_cast<I32>(getNumber(header.data()));
+        data = bytes.substr(12);
+        return static_cast<I32>(getNumber(bytes.data()));
     }
     I32 ask(U32 code, const std::string& parameters = "") {
         send(requestBytes(code, parameters));
