@@ -7,8 +7,8 @@
 #include <chrono>
 
 /// The 8 passes of one request size, each at an offset of its own, with these amounts.
-static std::string passes(unsigned sweep, const std::vector<unsigned>& amounts) {
-    std::string reads;
+static string passes(unsigned sweep, const std::vector<unsigned>& amounts) {
+    string reads;
     for (unsigned p = 1; p <= 8; ++p)
         for (const unsigned amount : amounts)
             reads += "READ " + std::to_string(1 + p * sweep) + " " + std::to_string(amount) + "\n";
@@ -16,20 +16,20 @@ static std::string passes(unsigned sweep, const std::vector<unsigned>& amounts) 
 }
 
 TEST(Bench, MeasuresEverySize) {
-    const std::string made = "CREATE 0 scratch\nCLOSE\nOPEN 18 scratch\n";
-    std::string written = made;
+    const string made = "CREATE 0 scratch\nCLOSE\nOPEN 18 scratch\n";
+    string written = made;
     for (int i = 0; i < 100; ++i)
         written += "WRITE " + std::to_string(1280 + 4095 * i) + " 4095\n";
     written += "CLOSE\nOPEN 18 scratch\n";
-    const std::string running = "Writing data to scratch.\nBench test running, please wait.\n";
-    const std::string finished = "\nBench test finished.\n\nResults have been written to [log].\n";
-    const std::string four = passes(4096, {1024, 1024, 1024, 1024});
+    const string running = "Writing data to scratch.\nBench test running, please wait.\n";
+    const string finished = "\nBench test finished.\n\nResults have been written to [log].\n";
+    const string four = passes(4096, {1024, 1024, 1024, 1024});
     // clang-format off
     const struct {
         Name name; // more modifiers
         int sizes; // that are measured, with a dot for each
-        std::string begins, ends; // what is said before and behind the dots
-        std::string requests; // the last ones before the end
+        string begins, ends; // what is said before and behind the dots
+        string requests; // the last ones before the end
     } rows[] = {
         {"-c1088", 2, running, finished,
          written + four + passes(4096, {1088, 1088, 1088, 1088}) + "CLOSE\n"},
@@ -44,20 +44,20 @@ TEST(Bench, MeasuresEverySize) {
     forEachRow(rows, [](const auto& row) {
         const Scratch scratch;
         ScriptedServer server;
-        const std::string line = "bench -tscratch -l log 127.0.0.1 " + row.name.text;
+        const string line = "bench -tscratch -l log 127.0.0.1 " + row.name.text;
         const RunResult run = runKxadmin(line, server.port, "", scratch.directory);
-        std::string dots, log = scratch.read("log");
+        string dots, log = scratch.read("log");
         for (int i = 0; i < row.sizes; ++i) {
-            const std::string size = std::to_string(1024 + 64 * i) + " , ";
+            const string size = std::to_string(1024 + 64 * i) + " , ";
             EXPECT_EQ(log.substr(0, size.size()), size);
             log.erase(0, log.find(" \n") + 2);
             dots += ".\n";
         }
-        const std::string begin = "[banner]\nConnecting to KXSRV at host [127.0.0.1]\n";
+        const string begin = "[banner]\nConnecting to KXSRV at host [127.0.0.1]\n";
         expectText(begin + row.begins + dots + row.ends, run.out + run.err);
-        const std::string trace = server.trace(), end = row.requests + "DISCONNECT\n";
+        const string trace = server.trace(), end = row.requests + "DISCONNECT\n";
         expectText(end, trace.substr(trace.size() - std::min(trace.size(), end.size())));
-        const std::string data = std::string(1280, '\0') + std::string(100 * 4095, 't');
+        const string data = string(1280, '\0') + string(100 * 4095, 't');
         expectText(row.begins.empty() ? "" : data, server.source.files["scratch"]);
     });
 }
@@ -66,14 +66,14 @@ TEST(Bench, TellsTheTimeThatThePassesTook) {
     using namespace std::chrono;
     const Scratch scratch;
     ScriptedServer server;
-    server.disturb = [](const std::string& line, const Answer& answer) {
+    server.disturb = [](const string& line, const Answer& answer) {
         std::this_thread::sleep_for(milliseconds(line.starts_with("READ") ? 2 : 0));
         return answer;
     };
     const auto start = steady_clock::now();
     runKxadmin("bench -c1024 -l log", server.port, "", scratch.directory);
     const auto all = duration_cast<milliseconds>(steady_clock::now() - start).count();
-    const std::string log = scratch.read("log");
+    const string log = scratch.read("log");
     const long told = std::stol(log.substr(log.find(',') + 1));
     EXPECT_GE(told, 32 * 2 - 1); // the passes' replies, a cut off part aside
     EXPECT_LE(told, all + 1);

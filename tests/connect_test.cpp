@@ -30,8 +30,8 @@ TEST(Connect, SetsItsSocketUp) {
 }
 
 /// What is said of the first attempts out of `all`.
-static std::string attempts(const std::string& host, unsigned port, int count, int all) {
-    std::string text;
+static string attempts(const string& host, unsigned port, int count, int all) {
+    string text;
     for (int left = all; left > all - count; --left)
         text += "\rConnection to [" + host + "] port [" + std::to_string(port) +
                 "] failed.  Retrying [" + std::to_string(left) + "]  ";
@@ -44,8 +44,8 @@ TEST(Connect, RetriesUntilTheServerAppears) {
     ASSERT_TRUE(run.waitFor("Retrying [29]"));
     ScriptedServer server(INADDR_LOOPBACK + 1, elsewhere.port);
     EXPECT_EQ(run.finish(), 0);
-    const std::string said = attempts("127.0.0.2", server.port, 2, 30) + "\rConnected" +
-                             std::string(54, ' ') + "\n\n====";
+    const string said =
+        attempts("127.0.0.2", server.port, 2, 30) + "\rConnected" + string(54, ' ') + "\n\n====";
     const std::size_t at = run.output.find("\rConn");
     expectText(said, run.output.substr(std::min(at, run.output.size()), said.size()));
 }
@@ -54,7 +54,7 @@ TEST(Connect, GivesUp) {
     ScriptedServer elsewhere; // so that nobody listens at its port here
     const Arguments words{"--tries", "2", "--progress", "stat", "127.0.0.3"};
     const RunResult run = runProgram(KXADMIN_PROGRAM "-strict", words, serverAt(elsewhere.port));
-    const std::string blank(63, ' ');
+    const string blank(63, ' ');
     expectText(attempts("127.0.0.3", elsewhere.port, 2, 2) + "\r" + blank + "\r", run.err);
     expectText("[banner]\nUnable to connecto to KXSRV at [127.0.0.3] or IP Address is unkown.\n",
                abridged(run.out));

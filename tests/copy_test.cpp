@@ -8,39 +8,39 @@ namespace {
 
 /// "a.rep" on one host of a server and a volume for "b:1" on the other.
 struct CopyScene {
-    explicit CopyScene(const std::string& file = repository(2000)) {
+    explicit CopyScene(const string& file = repository(2000)) {
         server.source.files["a.rep"] = file;
         server.source.dataLimit = 1024;
     }
-    RunResult copy(const std::string& modifiers, const std::string& input = "") {
+    RunResult copy(const string& modifiers, const string& input = "") {
         return runKxadmin("copy -p secret 127.0.0.1:a.rep 127.0.0.2:b:1 " + modifiers, server.port,
                           input);
     }
     /// What is asked once the two servers are known, and said before the copy's own messages.
-    std::string trace() {
-        const std::string all = server.trace();
+    string trace() {
+        const string all = server.trace();
         EXPECT_EQ(all.substr(0, connects.size()), connects);
         return all.substr(std::min(all.size(), connects.size()));
     }
-    const std::string connects = "source ADDRESS\nsource TYPE\nsource LIMIT\nsource VERSION\n"
-                                 "dest ADDRESS\ndest TYPE\ndest LIMIT\ndest VERSION\n"
-                                 "dest DISCONNECT\n";
+    const string connects = "source ADDRESS\nsource TYPE\nsource LIMIT\nsource VERSION\n"
+                            "dest ADDRESS\ndest TYPE\ndest LIMIT\ndest VERSION\n"
+                            "dest DISCONNECT\n";
     ScriptedServer server{INADDR_ANY};
 };
 
 } // namespace
 
-static const std::string connected =
+static const string connected =
     "[banner]\n\nConnected to source server\n\nConnected to destination server\n\n";
-static const std::string locked = "Locked library of size 0:2000 bytes.\n";
-static const std::string bothLocks = "\nLocking entire source file.\n" + locked;
-static const std::string unlocking = "\nUnlocking source.\n";
-static const std::string whole =
+static const string locked = "Locked library of size 0:2000 bytes.\n";
+static const string bothLocks = "\nLocking entire source file.\n" + locked;
+static const string unlocking = "\nUnlocking source.\n";
+static const string whole =
     bothLocks + unlocking + "\nRepository 127.0.0.1:a.rep copied to 127.0.0.2:b:1.\n";
 
-static const std::string opened = "source OPEN 66 a.rep\nsource READ 0 256\nsource CLOSE\n"
-                                  "source PASSWORD ~secret~\nsource OPEN 66 a.rep\n";
-static const std::string bye = "source DISCONNECT\n";
+static const string opened = "source OPEN 66 a.rep\nsource READ 0 256\nsource CLOSE\n"
+                             "source PASSWORD ~secret~\nsource OPEN 66 a.rep\n";
+static const string bye = "source DISCONNECT\n";
 
 TEST(Copy, AsksBothServers) {
     CopyScene scene;
@@ -58,14 +58,14 @@ TEST(Copy, AsksBothServers) {
 }
 
 TEST(Copy, CopiesThroughTheServers) {
-    const std::string question = "WARNING: Destination file exists - overwrite (Y/N)?\n";
-    const std::string noRoom = "\nWARNING\n\tSource file size 0 blocks.\n\tDestination volume "
-                               "has 0 blocks available\n\twhere 1 block = 4096 bytes\n\n";
-    const std::string goOn = "Do you wish to continue (Y/N)?\n";
+    const string question = "WARNING: Destination file exists - overwrite (Y/N)?\n";
+    const string noRoom = "\nWARNING\n\tSource file size 0 blocks.\n\tDestination volume "
+                          "has 0 blocks available\n\twhere 1 block = 4096 bytes\n\n";
+    const string goOn = "Do you wish to continue (Y/N)?\n";
     // clang-format off
     const struct {
         Name name;
-        std::string modifiers, input, output;
+        string modifiers, input, output;
         std::size_t old = 0; // bytes of the destination that is there
         U32 freeBlocks = 1;
         bool fCopied = true;
@@ -84,8 +84,8 @@ TEST(Copy, CopiesThroughTheServers) {
     forEachRow(rows, [](const auto& row) {
         CopyScene scene;
         scene.server.dest.freeBlocks = row.freeBlocks;
-        const std::string old(row.old, 'o');
-        std::string source = repository(2000), &copy = scene.server.dest.files["b:1"];
+        const string old(row.old, 'o');
+        string source = repository(2000), &copy = scene.server.dest.files["b:1"];
         copy = old;
         if (row.old == 0)
             scene.server.dest.files.clear();
@@ -100,8 +100,8 @@ TEST(Copy, CopiesThroughTheServers) {
 TEST(Copy, RunsASystemCommandUnderTheLock) {
     const struct {
         Name name;
-        std::string modifiers, output;
-        std::string meanwhile = ""; // what is asked while the command runs
+        string modifiers, output;
+        string meanwhile = ""; // what is asked while the command runs
     } rows[] = {
         {"a command", "-f echo",
          "Copying a.rep => b:1 using system command 'echo'\n" + bothLocks + "a.rep b:1\n" +
@@ -124,17 +124,17 @@ TEST(Copy, RunsASystemCommandUnderTheLock) {
 }
 
 TEST(Copy, TellsWhichStepFailed) {
-    const std::string invalid = "Source must be a valid repository file.\n";
-    const std::string inaccessible = "Source path invalid or inaccessible.\n";
-    const std::string noDest = "Destination path invalid or inaccessible";
-    const std::string aborted = "Unable to lock source repository, system copy aborted.\n";
-    const std::string notUnlocked = "Attempt to unlock repository failed.\n";
+    const string invalid = "Source must be a valid repository file.\n";
+    const string inaccessible = "Source path invalid or inaccessible.\n";
+    const string noDest = "Destination path invalid or inaccessible";
+    const string aborted = "Unable to lock source repository, system copy aborted.\n";
+    const string notUnlocked = "Attempt to unlock repository failed.\n";
     // clang-format off
     const struct {
         Name name;           // the request that is refused
-        std::string message; // the last that is said
+        string message; // the last that is said
         int nth = 1;         // of those requests
-        std::string modifiers = "";
+        string modifiers = "";
     } rows[] = {
         {"source OPEN 66 a.rep", inaccessible + invalid},
         {"source READ 0 256", "Error reading source repository.\n" + invalid},
@@ -157,12 +157,12 @@ TEST(Copy, TellsWhichStepFailed) {
     // clang-format on
     forEachRow(rows, [](const auto& row) {
         CopyScene undisturbed, scene;
-        scene.server.disturb = [&, left = row.nth](const std::string& line,
+        scene.server.disturb = [&, left = row.nth](const string& line,
                                                    const Answer& answer) mutable {
             return line == row.name.text + '\n' && --left == 0 ? reply(5, "no") : answer;
         };
-        const std::string said = undisturbed.copy(row.modifiers).out;
-        const std::string out = scene.copy(row.modifiers).out;
+        const string said = undisturbed.copy(row.modifiers).out;
+        const string out = scene.copy(row.modifiers).out;
         expectText(said.substr(0, out.size() - row.message.size()) + row.message, out);
     });
 }
@@ -170,7 +170,7 @@ TEST(Copy, TellsWhichStepFailed) {
 TEST(Copy, CopiesEverySizeAtEveryLimit) {
     const struct {
         U32 limit, size;
-        std::string progress; // before the last
+        string progress; // before the last
     } rows[] = {
         {272, 0, "\r[0:0]    "},
         {272, 272, ""},
@@ -206,7 +206,7 @@ TEST(Copy, CountsRoomInBlocksOfTheDestination) {
     const struct {
         Name name;
         U32 units, freeBlocks, bytesPerBlock;
-        std::string blocks; // of the source, where they do not fit
+        string blocks; // of the source, where they do not fit
     } rows[] = {
         {"as many blocks as are free", 512, 2, 4096, " 2 blocks"},
         {"a block less", 767, 3, 4096, ""},
@@ -220,7 +220,7 @@ TEST(Copy, CountsRoomInBlocksOfTheDestination) {
         scene.server.dest.bytesPerBlock = row.bytesPerBlock;
         scene.server.on(REQUEST_16GB_FILE_GET_EOF, units({row.units, 1}));
         scene.server.on(REQUEST_16GB_LARGE_LOCK, {reply(5)}); // the end, where there is room
-        const std::string out = scene.copy("", "n\n").out, warning = "Source file size";
+        const string out = scene.copy("", "n\n").out, warning = "Source file size";
         const std::size_t at = std::min(out.size(), out.find(warning) + warning.size());
         EXPECT_EQ(out.find(warning) == out.npos ? "" : out.substr(at, out.find('.', at) - at),
                   row.blocks);
@@ -228,15 +228,15 @@ TEST(Copy, CountsRoomInBlocksOfTheDestination) {
 }
 
 TEST(Copy, LocksTheSourceAtTheSizeItHas) {
-    const std::string size = "Locked library of size ", retry = "Lock attempt failed - retrying\n";
-    const std::string aborted = "Unable to lock source repository, system copy aborted.\n";
-    const std::string lock = "source UNITS\nsource LOCK 0 0 ";
-    const std::string unlock = "source UNITS\nsource UNLOCK 0 0 ", close = "source CLOSE\n" + bye;
+    const string size = "Locked library of size ", retry = "Lock attempt failed - retrying\n";
+    const string aborted = "Unable to lock source repository, system copy aborted.\n";
+    const string lock = "source UNITS\nsource LOCK 0 0 ";
+    const string unlock = "source UNITS\nsource UNLOCK 0 0 ", close = "source CLOSE\n" + bye;
     // clang-format off
     const struct {
         Name name;
         std::vector<U32> units;
-        std::string output, trace;
+        string output, trace;
         std::vector<Answer> lock = {reply(0)};
     } rows[] = {
         {"16 GB", {0x40000000}, size + "4:0 bytes.\n", lock + "4 0\n" + unlock + "4 0\n" + close},

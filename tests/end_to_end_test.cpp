@@ -16,7 +16,7 @@ TEST(EndToEnd, ACopyThatIsEndedLeavesNoLock) {
                 {"by the administrator", BY_KILL}};
     forEachRow(rows, [](const auto& row) {
         const Sandbox source, dest("-A127.0.0.2 -P" + std::to_string(source.port));
-        source.write("a.rep", "4321\6" + std::string(32 << 20, '.') + "end");
+        source.write("a.rep", "4321\6" + string(32 << 20, '.') + "end");
         TerminalRun copy(KXADMIN_PROGRAM,
                          {"copy", "-p", "secret", "127.0.0.1:a.rep", "127.0.0.2:b.rep"},
                          serverAt(source.port));
@@ -44,7 +44,7 @@ TEST(EndToEnd, ACopyThatIsEndedLeavesNoLock) {
         EXPECT_EQ(status, row.end == BY_SIGNAL ? 128 + row.iSignal : 0);
         const bool fCopied = row.end == BY_ITSELF;
         EXPECT_EQ(dest.read("b.rep") == source.read("a.rep"), fCopied);
-        const std::string copied = "\nRepository 127.0.0.1:a.rep copied to 127.0.0.2:b.rep.\n";
+        const string copied = "\nRepository 127.0.0.1:a.rep copied to 127.0.0.2:b.rep.\n";
         EXPECT_EQ(copy.output.ends_with(copied), fCopied);
     });
 }

@@ -41,25 +41,22 @@ struct Session {
 } // namespace
 
 TEST(Exchange, TakesErrorsAndOddReplies) {
-    const std::string full(32768, 'x'), success = "Success";
-    // clang-format off
+    const string full(32768, 'x');
     const struct {
         Name name;
         U32 code;
         Answer answer;
         I32 result;
-        U32 error = 77, systemError = 77; // both are 77 before
-        std::string errorText = "-", shown = "......"; // and these are so
+        U32 error, systemError; // both are 77 before
+        string errorText;
     } rows[] = {
         {"a system error", 20, reply(5, "refused\0x"s + full.substr(9)), -5, 0, 5, "refused"},
         {"a protocol error", 20, reply(INT_MIN, full), INT_MIN, 0x80000000, 0, ""},
-        {"the most data", 13, reply(0, full), 0, 77, 77, "-", "xxxxxx"},
-        {"an error of the connection list", 14, reply(-7, "part"), -7, 77, 77, "-", "part.."},
-        {"a size that is no number", 8, reply(0, "12345"), -249, 249, 0, success},
-        {"more than was asked for", 3, reply(0, full), -249, 249, 0, success},
-        {"a type cut short", 28, reply(0, "123"), -1, 255, 0, success},
+        {"the most data", 13, reply(0, full), 0, 77, 77, "-"},
+        {"a size that is no number", 8, reply(0, "12345"), -249, 249, 0, "Success"},
+        {"more than was asked for", 3, reply(0, full), -249, 249, 0, "Success"},
+        {"a type cut short", 28, reply(0, "123"), -1, 255, 0, "Success"},
     };
-    // clang-format on
     forEachRow(rows, [](const auto& row) {
         Session session;
         ManagerErrno = ManagerSysErrno = 77;
@@ -69,7 +66,6 @@ TEST(Exchange, TakesErrorsAndOddReplies) {
         EXPECT_EQ(ManagerErrno, row.error);
         EXPECT_EQ(ManagerSysErrno, row.systemError);
         EXPECT_EQ(ManagerErrorText, row.errorText);
-        EXPECT_EQ(std::string(text, 6), row.shown);
     });
 }
 
@@ -88,7 +84,7 @@ TEST(Exchange, KeepsToItsLimits) {
     session.server.on(REQUEST_GET_MAX_DATA, {reply(0, be32(8192))});
     EXPECT_EQ(managerGetMaxData(s), 4096) << "it only falls";
     session.server.on(REQUEST_FILE_OPEN, {reply(0)});
-    const std::string n1023(1023, 'n'), n1024(1024, 'n');
+    const string n1023(1023, 'n'), n1024(1024, 'n');
     EXPECT_EQ(managerFileOpen(n1023.c_str(), 18, s), s);
     EXPECT_EQ(managerFileOpen(n1024.c_str(), 18, s), -255);
     EXPECT_EQ(managerFileGetVolSpace(s, (n1024 + "n").c_str(), &blocks, &blockSize), -255);
@@ -108,9 +104,9 @@ TEST(Exchange, SplitsReadsAndWrites) {
         U32 limit;
         I32 (*call)(I32 s);
         I32 result;
-        std::string requests;
+        string requests;
         std::vector<Answer> answers = {};
-        std::string read = "........."; // by the call
+        string read = "........."; // by the call
     } rows[] = {
         {"a read", 2, [](I32 s) { return managerFileRead(s, 9, text, 3, 3); }, 3,
          "READ 9 2\nREAD 11 1\n", {ab, c}, "...abc..."},
@@ -133,6 +129,6 @@ TEST(Exchange, SplitsReadsAndWrites) {
                 session.server.on(code, row.answers);
         EXPECT_EQ(row.call(session.s), row.result);
         expectText("ADDRESS\n" + row.requests, session.server.trace());
-        EXPECT_EQ(std::string(text, 9), row.read);
+        EXPECT_EQ(string(text, 9), row.read);
     });
 }

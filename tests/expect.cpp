@@ -2,26 +2,22 @@
 
 #include <algorithm>
 
-/// The line that holds `at`, or what surrounds it where the line is long, as a string literal.
-static std::string lineAround(const std::string& text, std::size_t at) {
-    if (at >= text.size() && (at == 0 || text[at - 1] == '\n'))
-        return "the end of the text";
-    const std::size_t before = at == 0 ? text.npos : text.rfind('\n', at - 1);
-    std::size_t begin = before == text.npos ? 0 : before + 1;
-    begin = std::max(begin, at - std::min<std::size_t>(at, 100));
-    const std::size_t end = std::min(text.find('\n', at), at + 100);
-    return testing::PrintToString(text.substr(begin, end - begin));
+/// The line at that place, as a string literal; of a long one what surrounds the place.
+static string lineAt(const string& text, std::size_t at) {
+    const std::size_t begin = at == 0 ? 0 : text.rfind('\n', at - 1) + 1;
+    const std::size_t from = std::max(begin, at - std::min<std::size_t>(at, 100));
+    const string line = text.substr(from, std::min(text.find('\n', at), at + 100) - from);
+    return at == text.size() && line.empty() ? "the end of the text" : testing::PrintToString(line);
 }
 
-void expectText(const std::string& expected, const std::string& got, const char* pszFile,
-                int iLine) {
+void expectText(const string& expected, const string& got, const char* pszFile, int iLine) {
     if (got == expected)
         return;
-    const auto at = static_cast<std::size_t>(
-        std::mismatch(expected.begin(), expected.end(), got.begin(), got.end()).first -
-        expected.begin());
-    const auto line = 1 + std::count(got.begin(), got.begin() + static_cast<long>(at), '\n');
+    std::size_t at = 0;
+    while (at < expected.size() && at < got.size() && expected[at] == got[at])
+        ++at;
     ADD_FAILURE_AT(pszFile, iLine)
-        << "line " << line << " of the text\n  expected: " << lineAround(expected, at)
-        << "\n       got: " << lineAround(got, at);
+        << "line " << 1 + std::count(got.begin(), got.begin() + static_cast<long>(at), '\n')
+        << " of the text\n  expected: " << lineAt(expected, at)
+        << "\n       got: " << lineAt(got, at);
 }

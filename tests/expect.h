@@ -7,11 +7,13 @@
 #include <cstdlib>
 #include <string>
 
+using std::string;
+
 /// The name of a row, which remembers where in the source it stands.
 struct Name {
     Name(const char* psz, const char* pszFile = __builtin_FILE(), int iLine = __builtin_LINE())
         : text(psz), file(pszFile), line(iLine) {}
-    std::string text;
+    string text;
     const char* file;
     int line;
 };
@@ -21,7 +23,7 @@ struct Name {
 template<class Rows, class Test> void forEachRow(const Rows& rows, const Test& test) {
     const char* const pszOnly = std::getenv("KX_ROW");
     for (const auto& row : rows) {
-        if (pszOnly != nullptr && row.name.text.find(pszOnly) == std::string::npos)
+        if (pszOnly != nullptr && row.name.text.find(pszOnly) == string::npos)
             continue;
         const testing::ScopedTrace trace(row.name.file, row.name.line, row.name.text);
         test(row);
@@ -29,5 +31,5 @@ template<class Rows, class Test> void forEachRow(const Rows& rows, const Test& t
 }
 
 /// Expects the text; if it is another, tells the first line that differs.
-void expectText(const std::string& expected, const std::string& got,
-                const char* pszFile = __builtin_FILE(), int iLine = __builtin_LINE());
+void expectText(const string& expected, const string& got, const char* pszFile = __builtin_FILE(),
+                int iLine = __builtin_LINE());

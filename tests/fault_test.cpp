@@ -20,9 +20,9 @@ struct Scene {
 
 struct Ending {
     int status;
-    std::string said, trace; // in its file too, and behind the banner
-    std::string granted;     // the requests that were answered with success; "copied" where it is
-    std::string left;        // what is left behind and should not be
+    string said, trace; // in its file too, and behind the banner
+    string granted;     // the requests that were answered with success; "copied" where it is
+    string left;        // what is left behind and should not be
 };
 
 /// One kind of fault, of which a sample is tried unless all are asked for.
@@ -58,12 +58,12 @@ static const Scene scenes[] = {
     {"copy -p secret a.rep 127.0.0.2:b.rep", "copied"},
 };
 
-static bool has(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
+static bool has(const string& text, const string& part) {
+    return text.find(part) != string::npos;
 }
 
 /// Whether the client can take the answer for a success.
-static bool isSuccess(const std::string& bytes) {
+static bool isSuccess(const string& bytes) {
     if (bytes.size() < 12)
         return false;
     const U64 behind = U64{getNumber(&bytes[4])} + getNumber(&bytes[8]);
@@ -80,31 +80,31 @@ static Ending run(const Scene& scene, const Harm& harm) {
         server.on(code, {reply(0, "served")});
     server.on(REQUEST_GET_CONNECTION_LIST, {reply(1, "served")});
     harm(server);
-    std::string granted;
-    server.disturb = [&, disturb = server.disturb](const std::string& line, const Answer& answer) {
+    string granted;
+    server.disturb = [&, disturb = server.disturb](const string& line, const Answer& answer) {
         const Answer given = disturb != nullptr ? disturb(line, answer) : answer;
         granted += isSuccess(given.bytes) ? line : "";
         return given;
     };
     // A run that would not end is ended with status 124.
-    const std::string script =
+    const string script =
         "cd " + scratch.directory + "; exec timeout --foreground 20 \"$0\" " + scene.pszLine;
     const RunResult result = runProgram("/bin/sh", {"-c", script, KXADMIN_PROGRAM "-strict"},
                                         serverAt(server.port), "y\n");
-    const std::string said = abridged(result.out) + result.err + scratch.read(scene.pszFile);
+    const string said = abridged(result.out) + result.err + scratch.read(scene.pszFile);
     if (server.dest.files["b.rep"] == server.source.files["a.rep"])
         granted += "copied";
-    std::string left = waitpid(-1, nullptr, WNOHANG) >= 0 ? "a process " : "";
+    string left = waitpid(-1, nullptr, WNOHANG) >= 0 ? "a process " : "";
     for (const auto& entry : std::filesystem::directory_iterator(scratch.directory))
         left += entry.path().filename() != scene.pszFile ? entry.path() : "";
     return {result.status, said, server.trace(), granted, left};
 }
 
 /// The oracle. The link to the source is broken by some faults.
-static void judge(Kind& kind, const Scene& scene, const Ending& ending, const std::string& fault,
+static void judge(Kind& kind, const Scene& scene, const Ending& ending, const string& fault,
                   bool fLinkBroken = false) {
     const auto& [status, said, trace, granted, left] = ending;
-    std::string complaint = left.empty() ? "" : "left behind: " + left + "; ";
+    string complaint = left.empty() ? "" : "left behind: " + left + "; ";
     if (status != 0 && (status < 2 || status > 4))
         complaint += "status " + std::to_string(status) + "; ";
     if (status == 0 && !has(said, scene.pszDone) && !has(granted, scene.pszDone))
@@ -112,7 +112,7 @@ static void judge(Kind& kind, const Scene& scene, const Ending& ending, const st
     if (status != 0 && said == "[banner]\n")
         complaint += "not a word of the failure; ";
     // Where nothing has been read yet, the end of the connection is enough.
-    const std::string behind = trace.substr(std::min(trace.size(), trace.find("source LOCK ")));
+    const string behind = trace.substr(std::min(trace.size(), trace.find("source LOCK ")));
     if (!fLinkBroken && has(granted, "source LOCK ") && !has(behind, "source UNLOCK") &&
         (has(behind, "source READ") || !has(behind, "source DISCONNECT")))
         complaint += "the source is still locked; ";
@@ -127,9 +127,9 @@ static void judge(Kind& kind, const Scene& scene, const Ending& ending, const st
 template<class Change>
 static void sweepSteps(Kind kind, int variants, bool fAll, const Change& change) {
     for (const Scene& scene : scenes) {
-        std::vector<std::string> lines;
+        std::vector<string> lines;
         const Ending undisturbed = run(scene, [&](ScriptedServer& server) {
-            server.disturb = [&](const std::string& line, const Answer& answer) {
+            server.disturb = [&](const string& line, const Answer& answer) {
                 lines.push_back(line);
                 return answer;
             };
@@ -143,7 +143,7 @@ static void sweepSteps(Kind kind, int variants, bool fAll, const Change& change)
                 std::size_t step = 0;
                 bool fLinkBroken = false;
                 const Ending ending = run(scene, [&](ScriptedServer& server) {
-                    server.disturb = [&](const std::string& line, const Answer& answer) {
+                    server.disturb = [&](const string& line, const Answer& answer) {
                         const std::size_t here = step++;
                         if (here != i && !(fAll && here > i))
                             return answer;
@@ -178,7 +178,7 @@ TEST(Faults, IsRefused) {
 TEST(Faults, IsLiedTo) {
     // A bit of the header is turned, and all comes that it then announces, as far as it is small.
     sweepSteps({"lying headers", 97}, 96, false, [](const Answer& answer, int v) {
-        std::string lie = answer.bytes;
+        string lie = answer.bytes;
         char& byte = lie[static_cast<unsigned>(v / 8)];
         byte = static_cast<char>(byte ^ 1 << v % 8);
         const U64 announced = U64{getNumber(&lie[4])} + getNumber(&lie[8]);
@@ -198,7 +198,7 @@ template<class Try> static void sweep(Kind kind, int variants, const Try& attemp
 TEST(Faults, IsNotGreeted) {
     // Each byte of the greeting is lost, or it refuses; at either host of a copy.
     sweep({"greeting lost", 5}, 18, [](Kind& kind, const Scene& scene, int v) {
-        const std::string bytes =
+        const string bytes =
             v % 9 < 8 ? be32(1).substr(0, static_cast<unsigned>(v % 9 / 2)) : be32(0);
         const Answer greeting{bytes, v % 2 ? Answer::RESET : Answer::CLOSE};
         const bool fDest = v >= 9 && has(scene.pszLine, "127.0.0.2");
@@ -214,7 +214,7 @@ TEST(Faults, IsAnsweredInPieces) {
     sweep({"short and slow"}, 2, [](Kind& kind, const Scene& scene, int v) {
         const Ending whole = run(scene, [](ScriptedServer&) {});
         const Ending slow = run(scene, [&](ScriptedServer& server) {
-            server.disturb = [&](const std::string&, const Answer& answer) {
+            server.disturb = [&](const string&, const Answer& answer) {
                 return Answer{answer.bytes, answer.after, v == 0 ? 1U : 7U};
             };
         });

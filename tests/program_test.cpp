@@ -52,14 +52,13 @@ TEST(Program, TakesItsLocaleFromTheEnvironment) {
 }
 
 TEST(Program, ShowsItsUsageToWhoIsNotUnderstood) {
-    const std::string number = "A numeric value is required.\n";
-    const std::string onlyOne = "Only one of -s or -l can be specified.\n\n";
-    const std::string duplicate = "uplicate parameter for password\n",
-                      range = " is out of range.\n";
+    const string number = "A numeric value is required.\n";
+    const string onlyOne = "Only one of -s or -l can be specified.\n\n";
+    const string duplicate = "uplicate parameter for password\n", range = " is out of range.\n";
     // clang-format off
     const struct {
         Name name; // the command line
-        std::string message = "", err = "";
+        string message = "", err = "";
     } rows[] = {
         {"/?"}, {"-Help"}, {"stat -h"}, {"stat -f x"},
         {"stat -c1024 -oqb -l '' -s '' -k999 -Z99 -Z100 -r $x1023 -t $x1023 -p $x30 -ph"},
@@ -67,6 +66,8 @@ TEST(Program, ShowsItsUsageToWhoIsNotUnderstood) {
         {"st", "Unrecognized command option [st].\n"},
         {"''", "Unrecognized command option [].\n"},
         {"stat h -qx", "", "stat: invalid option -- x\n"},
+        {"stat -q: -h", "", "stat: invalid option -- :\n"},
+        {"stat '-\xC3\xA9'", "", "stat: invalid option -- \xC3\n"},
         {"sta -qP", "", "sta: option requires an argument -- P\n"},
         {"stat -qP00480", "[00480]" + range},
         {"list -Z1000", "[1000]" + range}, {"list -l12345", "[12345]" + range},
@@ -93,13 +94,13 @@ TEST(Program, ShowsItsUsageToWhoIsNotUnderstood) {
 }
 
 TEST(Program, RefusesValues) {
-    const std::string x1024(1024, 'x');
-    const std::string chunk = "largest read chunk size must be between 1024 and 36864\n\n";
-    const std::string sweep = "Sweep size must be between 4096 and 65536\n";
+    const string x1024(1024, 'x');
+    const string chunk = "largest read chunk size must be between 1024 and 36864\n\n";
+    const string sweep = "Sweep size must be between 4096 and 65536\n";
     // clang-format off
     const struct {
         Name name; // the command line
-        std::string out;
+        string out;
         int status = 0;
     } rows[] = {
         {"stop -p '' -p $x31", "Password is too long.\n"},
@@ -127,11 +128,11 @@ TEST(Program, RefusesValues) {
 namespace {
 
 struct Command {
-    Name name;         // the command line
-    std::string out;   // behind the banner
-    std::string trace; // behind what every command asks
+    Name name;    // the command line
+    string out;   // behind the banner
+    string trace; // behind what every command asks
     std::map<U32, Answer> answers = {};
-    std::string input = "";
+    string input = "";
 };
 
 } // namespace
@@ -146,22 +147,22 @@ static void expectRun(const Command& row) {
     EXPECT_EQ(run.status, 0);
 }
 
-static const std::string line = std::string(78, '=') + "\n", open = "\n" + line;
-static const std::string bye = "DISCONNECT\n";
+static const string line = string(78, '=') + "\n", open = "\n" + line;
+static const string bye = "DISCONNECT\n";
 static const Answer no = reply(5, "no"), pxsrv = reply(0, be32(1));
 
 TEST(Program, ShowsTheServersTexts) {
-    const std::string statistics = "STATISTICS\n" + bye, full(32768, '%');
-    const std::string onPxsrv = "Supported PXSRV commands are OPTS and STOP only.\n";
-    const std::string none = "Connection 3 is not active, could not get ";
-    std::string all;
+    const string statistics = "STATISTICS\n" + bye, full(32768, '%');
+    const string onPxsrv = "Supported PXSRV commands are OPTS and STOP only.\n";
+    const string none = "Connection 3 is not active, could not get ";
+    string all;
     for (int c = 1; c < 256; ++c)
         all += static_cast<char>(c);
     // clang-format off
     const Command rows[] = {
         {"STATISTICS -q", open + "up\r\n100%s\r\n" + line, statistics,
          {{13, reply(0, "up\n100%s\n")}}},
-        {"stat # every byte", open + std::string(all).insert(9, "\r") + line, statistics,
+        {"stat # every byte", open + string(all).insert(9, "\r") + line, statistics,
          {{13, reply(0, all)}}},
         {"stat # up to a NUL", open + "a" + line, statistics, {{13, reply(0, "a\0b"s)}}},
         {"stat", open + "Failed receiving statistics.\n", statistics, {{13, no}}},
@@ -183,14 +184,14 @@ TEST(Program, ShowsTheServersTexts) {
     forEachRow(rows, expectRun);
 }
 
-static const std::string prompt = "Enter the password for the account used to start KXSRV : \n\n";
+static const string prompt = "Enter the password for the account used to start KXSRV : \n\n";
 
 TEST(Program, SetsTheLoggingLevel) {
-    const std::string x30(30, 'x');
-    const std::string pxPrompt = "Enter the password for the account used to start PXSRV : \n\n";
-    const std::string set = "Logging level set to [", set2 = set + "Error].\n";
-    const std::string cancelled = "Password is invalid.\nChange logging level cancelled.\n";
-    const std::string level2 = "LEVEL 2\n" + bye, empty = "PASSWORD ~~\n";
+    const string x30(30, 'x');
+    const string pxPrompt = "Enter the password for the account used to start PXSRV : \n\n";
+    const string set = "Logging level set to [", set2 = set + "Error].\n";
+    const string cancelled = "Password is invalid.\nChange logging level cancelled.\n";
+    const string level2 = "LEVEL 2\n" + bye, empty = "PASSWORD ~~\n";
     // clang-format off
     const Command rows[] = {
         {"opts -s0 -p", set + "Information].\n", empty + "LEVEL 0\n" + bye},
@@ -214,10 +215,10 @@ TEST(Program, SetsTheLoggingLevel) {
 }
 
 TEST(Program, StopsAServerOrAConnection) {
-    const std::string sure = "Are you sure you want to stop the server? (Y/N)?\n";
-    const std::string three = "There are 3 active connections.\n" + sure;
-    const std::string stopped = "\nServer has been scheduled to stop.\n";
-    const std::string cancelled = "\nStop cancelled.\n", empty = "PASSWORD ~~\n";
+    const string sure = "Are you sure you want to stop the server? (Y/N)?\n";
+    const string three = "There are 3 active connections.\n" + sure;
+    const string stopped = "\nServer has been scheduled to stop.\n";
+    const string cancelled = "\nStop cancelled.\n", empty = "PASSWORD ~~\n";
     const Answer six = reply(0, be32(6) + "x");
     // clang-format off
     const Command rows[] = {

@@ -7,18 +7,18 @@
 #include <regex>
 #include <set>
 
-static std::vector<std::smatch> matches(const std::string& text, const std::string& pattern) {
+static std::vector<std::smatch> matches(const string& text, const string& pattern) {
     const std::regex regex(pattern);
     return {std::sregex_iterator(text.begin(), text.end(), regex), {}};
 }
 
-static std::string digits(const std::string& bytes) {
+static string digits(const string& bytes) {
     return std::regex_replace(hex(bytes), std::regex(" "), "");
 }
 
 /// The bytes of a line of the page in hexadecimal, with "?" and "*" as they stand.
-static std::string bytesOf(const std::string& line) {
-    std::string text;
+static string bytesOf(const string& line) {
+    string text;
     for (const auto& word : matches(line, "\"([^\"]*)\"|([0-9a-f]{2})x(\\d+)|(\\S+)")) {
         text += digits(word[1]) + word[4].str();
         for (int i = word[3].matched ? std::stoi(word[3]) : 0; i > 0; --i)
@@ -29,7 +29,7 @@ static std::string bytesOf(const std::string& line) {
 
 /// Expects the message that the page has. Where it has lines, they are the header and a text's
 /// lines.
-static void expectMessage(const std::string& onPage, const std::string& message) {
+static void expectMessage(const string& onPage, const string& message) {
     const auto lines = matches(onPage, ".+");
     std::size_t at = 0;
     for (const auto& line : lines) {
@@ -37,7 +37,7 @@ static void expectMessage(const std::string& onPage, const std::string& message)
         std::size_t end = lines.size() == 1 ? message.size() : 12;
         if (fText)
             end = message.find('\n', at) + 1;
-        const std::string got = message.substr(at, end - at);
+        const string got = message.substr(at, end - at);
         ASSERT_EQ(fnmatch(bytesOf(line.str()).c_str(), digits(got).c_str(), 0), 0)
             << "the page:    " << line.str() << "\nthe sandbox: "
             << (fText ? '"' + got.substr(0, got.size() - 1) + "\" 0a" : hex(got));
@@ -47,26 +47,26 @@ static void expectMessage(const std::string& onPage, const std::string& message)
 }
 
 TEST(ProtocolPage, ItsTranscriptsAreTrue) {
-    const std::string file = KX_SOURCE_DIR "/docs/protocol.md", page = readFile(file);
-    const std::string start = matches(page, "```sh\n([^`]*)```").at(0).str(1);
+    const string file = KX_SOURCE_DIR "/docs/protocol.md", page = readFile(file);
+    const string start = matches(page, "```sh\n([^`]*)```").at(0).str(1);
     Sandbox sandbox("", start);
-    std::map<std::string, std::unique_ptr<Peer>> peers; // by name
+    std::map<string, std::unique_ptr<Peer>> peers; // by name
     std::set<U32> codes;
     for (const auto& block : matches(page, "```wire\n([^`]*)```")) {
-        const std::string transcript = std::regex_replace(block.str(1), std::regex(" *#.*"), "");
+        const string transcript = std::regex_replace(block.str(1), std::regex(" *#.*"), "");
         for (const auto& found : matches(transcript, "(\\w*)([<>]) (.*(?:\n .*)*)")) {
             const auto line = std::count(page.begin(), page.begin() + block.position(1), '\n') +
                               std::count(&transcript[0], &transcript[0] + found.position(), '\n');
             const testing::ScopedTrace trace(file.c_str(), static_cast<int>(line) + 1,
                                              "this message of the page");
-            const std::string message = found[3];
+            const string message = found[3];
             std::unique_ptr<Peer>& peer = peers[found[1]];
             const bool fNew = peer == nullptr;
             if (fNew)
                 peer = std::make_unique<Peer>(sandbox);
             if (found[2] == ">") {
-                const std::string hexadecimal = bytesOf(message);
-                std::string bytes;
+                const string hexadecimal = bytesOf(message);
+                string bytes;
                 for (std::size_t i = 0; i < hexadecimal.size(); i += 2)
                     bytes += static_cast<char>(std::stoi(hexadecimal.substr(i, 2), nullptr, 16));
                 peer->send(bytes);
@@ -82,9 +82,9 @@ TEST(ProtocolPage, ItsTranscriptsAreTrue) {
     }
     ASSERT_TRUE(codes.contains(REQUEST_STOP_SERVER));
     EXPECT_EQ(sandbox.run.finish(), 0);
-    const std::string header = readFile(KX_SOURCE_DIR "/client/protocol.h");
+    const string header = readFile(KX_SOURCE_DIR "/client/protocol.h");
     for (const auto& row : matches(header, "(REQUEST_\\w+) = (\\d+),")) {
-        const std::string title = "\n### " + row.str(2) + " `" + row.str(1) + "`\n";
+        const string title = "\n### " + row.str(2) + " `" + row.str(1) + "`\n";
         EXPECT_NE(page.find(title), page.npos) << "no chapter" << title;
         EXPECT_TRUE(codes.contains(static_cast<U32>(std::stoul(row[2])))) << title;
     }

@@ -5,15 +5,15 @@
 #include "tests/scripted_server.h"
 
 TEST(Repository, IsJudgedOnTheConsoleAndInTheReport) {
-    const std::string header = repository(1280), path = "127.0.0.1:/a.rep";
-    const auto version = [&](char c) { return reply(0, std::string(header).replace(4, 1, 1, c)); };
-    const std::string valid = path + " appears to be a valid repository with a maximum size of ";
-    const std::string noOpen = "Could not open repository " + path + ". ";
-    const std::string noRead = "Could not read from the repository " + path + ". ";
-    const std::string denied = "Access was denied - another process may have the repository opened "
-                               "in an exclusive mode.";
-    const std::string notOne = path + " does not appear to be a valid repository";
-    const std::string tooSmall =
+    const string header = repository(1280), path = "127.0.0.1:/a.rep";
+    const auto version = [&](char c) { return reply(0, string(header).replace(4, 1, 1, c)); };
+    const string valid = path + " appears to be a valid repository with a maximum size of ";
+    const string noOpen = "Could not open repository " + path + ". ";
+    const string noRead = "Could not read from the repository " + path + ". ";
+    const string denied = "Access was denied - another process may have the repository opened "
+                          "in an exclusive mode.";
+    const string notOne = path + " does not appear to be a valid repository";
+    const string tooSmall =
         notOne + " as it is too small.  All repositories must be at least 1280 bytes in size.";
     // clang-format off
     const struct {
@@ -21,7 +21,7 @@ TEST(Repository, IsJudgedOnTheConsoleAndInTheReport) {
         I32 opened; // the result of the open
         Answer read;
         char code; // in the report; the message follows it, but for an 8
-        std::string message;
+        string message;
         bool fBlankLine = true; // behind the message on the console
     } rows[] = {
         {"of 1 GB", 0, version(5), '0', valid + "1 GB.", false},
@@ -44,14 +44,13 @@ TEST(Repository, IsJudgedOnTheConsoleAndInTheReport) {
             ScriptedServer server;
             server.on(REQUEST_FILE_OPEN, {reply(row.opened)});
             server.on(REQUEST_FILE_READ, {row.read});
-            const std::string line =
-                "test -r/a.rep 127.0.0.1" + std::string(fReport ? " -f report" : "");
+            const string line = "test -r/a.rep 127.0.0.1" + string(fReport ? " -f report" : "");
             const RunResult run = runKxadmin(line, server.port, "", scratch.directory);
-            const std::string console = row.message + (row.fBlankLine ? "\n\n" : "\n");
-            const std::string report = row.code == '8' ? "\n" : "\n" + row.message + "\n";
+            const string console = row.message + (row.fBlankLine ? "\n\n" : "\n");
+            const string report = row.code == '8' ? "\n" : "\n" + row.message + "\n";
             expectText(fReport ? "" : "[banner]\n" + console, run.out + run.err);
             expectText(fReport ? row.code + report : "(none)", scratch.read("report"));
-            const std::string read = row.opened == 0 ? "READ 0 1280\nCLOSE\n" : "";
+            const string read = row.opened == 0 ? "READ 0 1280\nCLOSE\n" : "";
             EXPECT_EQ(server.trace(), hello + "OPEN 66 /a.rep\n" + read + "DISCONNECT\n");
         }
     });
@@ -59,7 +58,7 @@ TEST(Repository, IsJudgedOnTheConsoleAndInTheReport) {
 
 TEST(Repository, ReportFilesThatExistOrCannotBeHad) {
     const Scratch scratch;
-    scratch.write("old", std::string(2000, 'o'));
+    scratch.write("old", string(2000, 'o'));
     ScriptedServer server;
     server.on(REQUEST_FILE_OPEN, {reply(13)});
     for (const auto& [path, output] :
@@ -67,7 +66,7 @@ TEST(Repository, ReportFilesThatExistOrCannotBeHad) {
           {"/tmp", "21.\nError creating temporary file /tmp.\n"},
           {"/dev/full", "17.\nError writing temporary file /dev/full.\n"}}) {
         const RunResult run = runKxadmin("test -ra 127.0.0.1 -f " + path, server.port);
-        EXPECT_TRUE((run.out + run.err).ends_with(", errno = " + std::string(output))) << path;
+        EXPECT_TRUE((run.out + run.err).ends_with(", errno = " + string(output))) << path;
     }
     EXPECT_EQ(scratch.read("old"), "8\n");
 }

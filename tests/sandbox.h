@@ -9,7 +9,7 @@
 
 /// With the password "secret", at a port of the system's choice, or as a script starts it.
 struct Sandbox : Scratch {
-    explicit Sandbox(const std::string& options = "-P0", const std::string& script = "")
+    explicit Sandbox(const string& options = "-P0", const string& script = "")
         : run("/bin/sh",
               {"-c",
                "cd " + directory + "; PATH=$(dirname $0):$PATH\n" +
@@ -35,35 +35,35 @@ struct Peer {
     Peer(Peer&&) = delete;
 
     /// At most so many bytes, fewer when the connection ends.
-    std::string receive(std::size_t most) const {
-        std::string bytes(most, '\0');
+    string receive(std::size_t most) const {
+        string bytes(most, '\0');
         const I32 n = socketReceiveBuffer(s, bytes.data(), static_cast<I32>(most));
         return bytes.substr(0, static_cast<std::size_t>(std::max(n, 0)));
     }
-    std::string receiveReply() const {
-        const std::string header = receive(12);
+    string receiveReply() const {
+        const string header = receive(12);
         return header.size() < 12 ? header
                                   : header + receive(getNumber(&header[4]) + getNumber(&header[8]));
     }
-    void send(const std::string& bytes) const {
+    void send(const string& bytes) const {
         socketSendBuffer(s, bytes.data(), static_cast<I32>(bytes.size()));
     }
     /// The result of the next reply, or ENDED; its data go to `data`.
     I32 takeReply() {
-        const std::string bytes = receiveReply();
+        const string bytes = receiveReply();
         if (bytes.size() < 12)
             return ENDED;
         data = bytes.substr(12);
         return static_cast<I32>(getNumber(bytes.data()));
     }
-    I32 ask(U32 code, const std::string& parameters = "") {
+    I32 ask(U32 code, const string& parameters = "") {
         send(requestBytes(code, parameters));
         return takeReply();
     }
-    I32 open(const std::string& name, U32 mode = 0x42) {
+    I32 open(const string& name, U32 mode = 0x42) {
         return ask(REQUEST_FILE_OPEN, be32(mode) + name);
     }
-    I32 prove(const std::string& password = "secret") {
+    I32 prove(const string& password = "secret") {
         return ask(REQUEST_VERIFY_PASSWORD, '\0' + password + '\0');
     }
     I32 lock(U32 offset, U32 length) {
@@ -71,5 +71,5 @@ struct Peer {
     }
 
     I32 s;
-    std::string greeting, data;
+    string greeting, data;
 };

@@ -10,23 +10,23 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-std::string be32(U32 u32) {
+string be32(U32 u32) {
     const U32 u32Wire = htonl(u32);
     return {reinterpret_cast<const char*>(&u32Wire), sizeof u32Wire};
 }
 
-std::string replyBytes(I32 result, const std::string& data, const std::string& pad) {
+string replyBytes(I32 result, const string& data, const string& pad) {
     return be32(static_cast<U32>(result)) + be32(static_cast<U32>(pad.size())) +
            be32(static_cast<U32>(data.size())) + data + pad;
 }
 
-std::string requestBytes(U32 code, const std::string& parameters) {
+string requestBytes(U32 code, const string& parameters) {
     return be32(code) + be32(0) + be32(static_cast<U32>(parameters.size())) + parameters;
 }
 
-std::string hex(const std::string& bytes) {
+string hex(const string& bytes) {
     static const char digits[] = "0123456789abcdef";
-    std::string text;
+    string text;
     for (std::size_t i = 0; i < bytes.size(); ++i) {
         text += i % 4 == 0 && i > 0 ? " " : "";
         text += {digits[bytes[i] >> 4 & 15], digits[bytes[i] & 15]};
@@ -48,16 +48,16 @@ static const std::map<U32, std::pair<const char*, std::size_t>> kinds = {
 };
 
 /// The number at place `index` of a message, the request code being at 0; 0 behind its end.
-static U32 numberAt(const std::string& message, std::size_t index) {
+static U32 numberAt(const string& message, std::size_t index) {
     return 4 * index + 4 <= message.size() ? getNumber(&message[4 * index]) : 0;
 }
 
-static std::string lineOf(const std::string& request) {
+static string lineOf(const string& request) {
     const auto kind = kinds.find(numberAt(request, 0));
     if (kind == kinds.end())
         return "unknown\n";
     const auto& [pszName, numbers] = kind->second;
-    std::string line = pszName;
+    string line = pszName;
     for (std::size_t i = 3; i < 3 + numbers; ++i)
         line += ' ' + std::to_string(numberAt(request, i));
     const std::size_t begin = 12 + 4 * numbers;
@@ -67,25 +67,25 @@ static std::string lineOf(const std::string& request) {
     return line + '\n';
 }
 
-std::string repository(std::size_t size) {
-    std::string bytes = "4321\6";
+string repository(std::size_t size) {
+    string bytes = "4321\6";
     for (std::size_t i = bytes.size(); i < size; ++i)
         bytes += static_cast<char>(i * 31 + i / 251);
     return bytes.substr(0, size);
 }
 
 /// What a server of these files answers.
-static Answer serve(Volume& volume, const std::string& request) {
+static Answer serve(Volume& volume, const string& request) {
     const U32 code = numberAt(request, 0);
     // The 16 GB requests have a high half before the offset.
     const std::size_t i = code == REQUEST_FILE_READ || code == REQUEST_FILE_WRITE ? 3 : 4;
     const std::size_t offset = numberAt(request, i), length = numberAt(request, i + 1);
-    std::string none, &file = volume.files.contains(volume.open) ? volume.files[volume.open] : none;
+    string none, &file = volume.files.contains(volume.open) ? volume.files[volume.open] : none;
     switch (code) {
     case REQUEST_GET_INTERNET_ADDRESS: return reply(0, be32(INADDR_LOOPBACK));
     case REQUEST_QUERY_SERVER_TYPE: return reply(0, be32(0) + "7.0a");
     case REQUEST_GET_MAX_DATA: return reply(0, be32(volume.dataLimit));
-    case REQUEST_GET_VERSION: return reply(0, std::string("7.0a\0\0\0\7\0", 9));
+    case REQUEST_GET_VERSION: return reply(0, string("7.0a\0\0\0\7\0", 9));
     case REQUEST_FILE_CREATE: volume.files[request.substr(16)] = ""; break;
     case REQUEST_FILE_OPEN:
         volume.open = request.substr(16);
@@ -134,12 +134,12 @@ void ScriptedServer::on(U32 code, std::vector<Answer> replies) {
     scripted[code] = std::move(replies);
 }
 
-std::string ScriptedServer::trace() {
+string ScriptedServer::trace() {
     const std::lock_guard lock(mutex);
     return lines;
 }
 
-std::vector<std::string> ScriptedServer::requests() {
+std::vector<string> ScriptedServer::requests() {
     const std::lock_guard lock(mutex);
     return received;
 }
@@ -151,11 +151,11 @@ Volume& ScriptedServer::volumeOf(I32 s) {
     return fTwoHosts && ntohl(name.sin_addr.s_addr) == INADDR_LOOPBACK + 1 ? dest : source;
 }
 
-Answer ScriptedServer::answerTo(const std::string& request, Volume& volume) {
+Answer ScriptedServer::answerTo(const string& request, Volume& volume) {
     const std::lock_guard lock(mutex);
     received.push_back(request);
-    const std::string host = &volume == &dest ? "dest " : fTwoHosts ? "source " : "";
-    const std::string line = host + lineOf(request);
+    const string host = &volume == &dest ? "dest " : fTwoHosts ? "source " : "";
+    const string line = host + lineOf(request);
     lines += line;
     Answer answer = serve(volume, request);
     if (const auto found = scripted.find(numberAt(request, 0));
@@ -167,7 +167,7 @@ Answer ScriptedServer::answerTo(const std::string& request, Volume& volume) {
     return disturb != nullptr ? disturb(line, answer) : answer;
 }
 
-static bool receiveRequest(I32 s, std::string& request) {
+static bool receiveRequest(I32 s, string& request) {
     request.resize(12);
     if (socketReceiveBuffer(s, request.data(), 12) != 12)
         return false;
@@ -195,7 +195,7 @@ void ScriptedServer::run() {
     std::vector<pollfd> polled{{listener, POLLIN, 0}}; // which passes over negative ones
     while (poll(polled.data(), polled.size(), -1) > 0) {
         for (std::size_t i = 1; i < polled.size(); ++i) {
-            std::string request;
+            string request;
             if (I32& s = polled[i].fd; polled[i].revents != 0)
                 s = give(receiveRequest(s, request) ? answerTo(request, volumeOf(s))
                                                     : Answer{"", Answer::CLOSE},

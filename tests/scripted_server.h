@@ -13,40 +13,42 @@
 #include <thread>
 #include <vector>
 
+using std::string;
+
 /// A number as it stands on the wire.
-std::string be32(U32 u32);
+string be32(U32 u32);
 
 /// Whole messages, as they go over the wire.
-std::string replyBytes(I32 result, const std::string& data = "", const std::string& pad = "");
-std::string requestBytes(U32 code, const std::string& parameters = "");
+string replyBytes(I32 result, const string& data = "", const string& pad = "");
+string requestBytes(U32 code, const string& parameters = "");
 
 /// Bytes in hexadecimal, a blank before every fifth.
-std::string hex(const std::string& bytes);
+string hex(const string& bytes);
 
 /// `size` bytes that begin like a 16 GB repository and do not repeat soon.
-std::string repository(std::size_t size);
+string repository(std::size_t size);
 
 /// What the server does with one request: sends `bytes`, then goes on or ends the connection.
 struct Answer {
     enum After { GO_ON, CLOSE, RESET, STALL };
-    std::string bytes;
+    string bytes;
     After after = GO_ON;
     std::size_t piece = 0; // bytes sent at a time, 0 for all at once
 };
 
-inline Answer reply(I32 result, const std::string& data = "") {
+inline Answer reply(I32 result, const string& data = "") {
     return {replyBytes(result, data)};
 }
 
 /// What every command asks first, in a trace.
-inline const std::string hello = "ADDRESS\nTYPE\nLIMIT\n";
+inline const string hello = "ADDRESS\nTYPE\nLIMIT\n";
 
 /// The files of one host.
 struct Volume {
-    std::map<std::string, std::string> files{};
+    std::map<string, string> files{};
     U32 dataLimit = 32768, freeBlocks = 1, bytesPerBlock = 4096;
     Answer greeting{be32(1)}; // to every new connection
-    std::string open{};       // name of the file that was opened last
+    string open{};            // name of the file that was opened last
 };
 
 class ScriptedServer {
@@ -60,14 +62,14 @@ public:
     void on(U32 code, std::vector<Answer> replies);
 
     /// Changes each answer, to the request of that line of the trace; null to leave them all.
-    std::function<Answer(const std::string& line, const Answer& answer)> disturb;
+    std::function<Answer(const string& line, const Answer& answer)> disturb;
 
     /// The requests so far, a line each: what it is, its numbers, and what text or data there are,
     /// where they are short, with ~ for a NUL, as in "OPEN 66 a.rep". For the hosts of a copy
     /// "source " or "dest " stands before it.
-    std::string trace();
+    string trace();
     /// The whole messages.
-    std::vector<std::string> requests();
+    std::vector<string> requests();
 
     Volume source, dest;
     U16 port = 0;
@@ -75,13 +77,13 @@ public:
 private:
     void run();
     Volume& volumeOf(I32 s);
-    Answer answerTo(const std::string& request, Volume& volume);
+    Answer answerTo(const string& request, Volume& volume);
 
     const bool fTwoHosts;
     I32 listener;
     std::mutex mutex; // guards what follows
     std::map<U32, std::vector<Answer>> scripted;
-    std::vector<std::string> received;
-    std::string lines;
+    std::vector<string> received;
+    string lines;
     std::thread thread;
 };

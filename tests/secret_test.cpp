@@ -9,25 +9,24 @@
 #include <sstream>
 #include <unistd.h>
 
-static const std::string secret = "Kx!only-once#4711";
-static const std::string prompt =
-    "[banner]\nEnter the password for the account used to start KXSRV : ";
+static const string secret = "Kx!only-once#4711";
+static const string prompt = "[banner]\nEnter the password for the account used to start KXSRV : ";
 
 /// Whether the secret is in memory that the process can read. Areas of a gigabyte and more are the
 /// sanitizers' books.
-static bool remembers(const std::string& process) {
+static bool remembers(const string& process) {
     const int memory = open((process + "mem").c_str(), O_RDONLY | O_CLOEXEC);
     std::istringstream maps(readFile(process + "maps"));
     bool fFound = false;
-    for (std::string line; std::getline(maps, line);) {
+    for (string line; std::getline(maps, line);) {
         std::size_t begin = 0, end = 0;
         char access = '-';
         std::sscanf(line.c_str(), "%zx-%zx %c", &begin, &end, &access);
         if (access != 'r' || end - begin > 1 << 30)
             continue;
-        std::string area(end - begin, '\0');
+        string area(end - begin, '\0');
         const ssize_t n = pread(memory, area.data(), area.size(), static_cast<off_t>(begin));
-        fFound = fFound || (n > 0 && area.find(secret) != std::string::npos);
+        fFound = fFound || (n > 0 && area.find(secret) != string::npos);
     }
     close(memory);
     return fFound;
@@ -59,11 +58,11 @@ TEST(Secret, IsHiddenAndForgottenOnceItIsChecked) {
             !server.trace().ends_with(fChecked ? "CONNECTIONS\n" : "PASSWORD ~" + secret + "~\n"))
             usleep(1000);
         EXPECT_TRUE(run.echoes());
-        const std::string process = "/proc/" + std::to_string(run.process) + "/";
-        EXPECT_EQ(readFile(process + "cmdline").find(secret), std::string::npos);
-        EXPECT_EQ(readFile(process + "environ").find(secret), std::string::npos);
+        const string process = "/proc/" + std::to_string(run.process) + "/";
+        EXPECT_EQ(readFile(process + "cmdline").find(secret), string::npos);
+        EXPECT_EQ(readFile(process + "environ").find(secret), string::npos);
         EXPECT_EQ(remembers(process), !fChecked);
-        const std::string limits = readFile(process + "limits"), core = "Max core file size ";
+        const string limits = readFile(process + "limits"), core = "Max core file size ";
         EXPECT_LE(std::stoul(limits.substr(limits.find(core) + core.size())),
                   1U); // so none is written
     });
