@@ -44,7 +44,10 @@ done <<'END'
 3||strict list -s 77
 3|kxadmin-strict: standard output was lost|strict stat >/dev/full
 2||strict stat -P1
-2||strict test -r a.rep -P1 -f report
+2||strict test -r a.rep -P1ab -f report
+0||kxadmin test -r a.rep -P1ab -f report; diff report <(printf '%s\n' 1 'Could not connect to an KXSRV on localhost:1. Ensure that you have the correct server address and port number and that KXSRV is running on that machine.')
+0||kxadmin test -r a.rep -f b.rep | grep -q '^2nd open returned .*, errno = 17.$' && head -n 1 b.rep | grep -q -x 0
+3|Error creating temporary file /dev.|strict test -r a.rep -f /dev
 3|Error writing temporary file /dev/full.|strict test -r a.rep -f /dev/full
 3||strict test -r 'x appears to be a valid repository with a maximum size of 1 GB.'
 3|Error writing log file /dev/full.|strict bench -c1024 -l /dev/full

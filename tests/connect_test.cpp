@@ -3,7 +3,6 @@
 #include "net/socket.h"
 #include "tests/expect.h"
 #include "tests/run_program.h"
-#include "tests/scratch.h"
 #include "tests/scripted_server.h"
 
 #include <sys/socket.h>
@@ -58,14 +57,4 @@ TEST(Connect, GivesUp) {
     expectText(attempts("127.0.0.3", elsewhere.port, 2, 2) + "\r" + blank + "\r", run.err);
     expectText("[banner]\nUnable to connecto to KXSRV at [127.0.0.3] or IP Address is unkown.\n",
                abridged(run.out));
-}
-
-TEST(Connect, ReportsToTheFileOfTestAndPrefersTheModifiersPort) {
-    ScriptedServer unused;
-    const Scratch files;
-    runKxadmin("test -ra -P1ab -f report", unused.port, "", files.directory);
-    expectText("1\nCould not connect to an KXSRV on localhost:1. Ensure that you have the correct "
-               "server address and port number and that KXSRV is running on that machine.\n",
-               files.read("report"));
-    EXPECT_EQ(unused.trace(), "");
 }

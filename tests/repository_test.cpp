@@ -55,18 +55,3 @@ TEST(Repository, IsJudgedOnTheConsoleAndInTheReport) {
         }
     });
 }
-
-TEST(Repository, ReportFilesThatExistOrCannotBeHad) {
-    const Scratch scratch;
-    scratch.write("old", string(2000, 'o'));
-    ScriptedServer server;
-    server.on(REQUEST_FILE_OPEN, {reply(13)});
-    for (const auto& [path, output] :
-         {std::pair{scratch.path("old"), "17.\n"},
-          {"/tmp", "21.\nError creating temporary file /tmp.\n"},
-          {"/dev/full", "17.\nError writing temporary file /dev/full.\n"}}) {
-        const RunResult run = runKxadmin("test -ra 127.0.0.1 -f " + path, server.port);
-        EXPECT_TRUE((run.out + run.err).ends_with(", errno = " + string(output))) << path;
-    }
-    EXPECT_EQ(scratch.read("old"), "8\n");
-}
