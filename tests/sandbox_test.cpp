@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
 #include <sys/fsuid.h>
 #include <sys/stat.h>
@@ -28,6 +29,8 @@ TEST(Sandbox, KeepsEveryRequestWithinItsBounds) {
         {"a 16 GB read of more", 36, zero + zero + beyond, -204},
         {"a write of the most", 4, zero + most + x32768, 0},
         {"a write of more", 4, zero + beyond + x32768 + "x"},
+        {"a 16 GB write of the most", 39, zero + zero + most + x32768, 0},
+        {"a 16 GB write of nothing", 39, zero + zero + zero, 0},
         {"a write of less than it has", 4, zero + be32(1) + "xx"},
         {"an open of a long name", 1, be32(66) + x1023, -206}, // a file is open already
         {"an open of a longer name", 1, be32(66) + x1023 + "x"},
@@ -37,7 +40,6 @@ TEST(Sandbox, KeepsEveryRequestWithinItsBounds) {
         {"a long user and password", 11, x50 + '\0' + x30 + '\0', -202},
         {"a longer password", 11, '\0' + x30 + "x\0"s},
         {"a password without its NUL", 11, "\0pw"s},
-        {"parameters where there are none", 13, "x"},
     };
     // clang-format on
     const Sandbox sandbox;
@@ -51,17 +53,34 @@ TEST(Sandbox, KeepsEveryRequestWithinItsBounds) {
         }
         EXPECT_EQ(peer.ask(REQUEST_GET_MAX_DATA), 0) << "the connection is of no more use";
     });
+    const std::pair<std::size_t, std::vector<U32>> sizes[] = {
+        {0, {2, 8, 9, 10, 12, 13, 14, 17, 24, 25, 28, 32}},
+        {4, {15, 16, 20, 21}},
+        {8, {3}},
+        {12, {36}},
+        {16, {47, 48}},
+    };
+    Peer peer(sandbox);
+    for (const auto& [size, codes] : sizes)
+        for (const U32 code : codes) {
+            SCOPED_TRACE("request " + std::to_string(code));
+            EXPECT_EQ(peer.ask(code, string(size + 1, 'x')), -201);
+            EXPECT_EQ(size == 0 ? -201 : peer.ask(code, string(size - 1, 'x')), -201);
+        }
 }
 
-TEST(Sandbox, CountsALargeFileInUnits) {
+TEST(Sandbox, TellsOfALargeFileWithALongName) {
     const Sandbox sandbox;
-    sandbox.write("a.rep", "");
-    std::filesystem::resize_file(sandbox.path("a.rep"), (5ULL << 30) + 1);
+    const string name = "a.repository.of.many.bytes";
+    sandbox.write(name, "");
+    std::filesystem::resize_file(sandbox.path(name), (5ULL << 30) + 1);
     Peer peer(sandbox);
-    EXPECT_EQ(peer.open("a.rep"), 0);
+    EXPECT_EQ(peer.open(name), 0);
     EXPECT_EQ(peer.ask(REQUEST_FILE_GET_EOF), EFBIG);
     EXPECT_EQ(peer.ask(REQUEST_16GB_FILE_GET_EOF), 0);
     EXPECT_EQ(hex(peer.data), "14000001");
+    EXPECT_EQ(peer.ask(REQUEST_GET_CONNECTION_LIST), 1);
+    EXPECT_EQ(peer.data.substr(peer.data.find("...")), "...itory.of.many.bytes\n");
 }
 
 TEST(Sandbox, EndsAConnectionThatItCannotUnderstand) {
@@ -282,12 +301,12 @@ TEST(Sandbox, KeepsNothingOfClientsThatHaveLeft) {
 TEST(Sandbox, LogsWhatItsLevelAsksFor) {
     Sandbox sandbox;
     Peer peer(sandbox);
-    for (const U32 level : {2U, 0U, 3U, 1U}) {
+    for (const U32 level : {2U, 3U, 1U, 0U}) {
         peer.prove("wrong");
         peer.prove();
         peer.ask(REQUEST_SET_LOG_LEVEL, be32(level));
     }
-    peer.ask(REQUEST_STOP_SERVER);
+    kill(sandbox.run.process, SIGTERM);
     sandbox.run.finish();
     string log; // without the line that it is ready, and the times
     std::istringstream lines(sandbox.run.output.substr(sandbox.run.output.find('\n') + 1));
@@ -297,9 +316,10 @@ TEST(Sandbox, LogsWhatItsLevelAsksFor) {
     const string set = "Information: connection 1 set the logging level to ";
     const string debug = "Debug: connection 1: ", end = ", 0 bytes\n";
     const string verify = debug + "verify password, ";
-    expectText(wrong + set + "Information\n" + wrong + set + "Debug\n" + debug +
-                   "set logging level, 4 parameter bytes: result 0" + end + wrong + verify +
-                   "7 parameter bytes: result -202" + end + verify + "8 parameter bytes: result 0" +
-                   end,
+    expectText(wrong + set + "Debug\n" + debug + "set logging level, 4 parameter bytes: result 0" +
+                   end + wrong + verify + "7 parameter bytes: result -202" + end + verify +
+                   "8 parameter bytes: result 0" + end + wrong + set +
+                   "Information\nInformation: stopped by signal 15\n"
+                   "Information: connection 1 ends\n",
                log);
 }
