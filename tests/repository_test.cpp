@@ -29,12 +29,14 @@ TEST(Repository, IsJudgedOnTheConsoleAndInTheReport) {
          valid + "16 GB (subject to limitations of the hosting file system).", false},
         {"not there", 2, {}, '2', noOpen + "The repository does not exist or could not be found."},
         {"open elsewhere", 5, {}, '3', noOpen + denied},
-        {"not to be opened", 13, {}, '8', "Unexpected error rc=-13 opening repository " + path + "."},
+        {"not to be opened", 13, {}, '8',
+         "Unexpected error rc=-13 opening repository " + path + "."},
         {"locked elsewhere", 0, reply(33), '4', noRead + denied},
         {"a byte too small", 0, reply(0, header.substr(1)), '5', tooSmall, false},
         {"of another pattern", 0, reply(0, "4320" + header.substr(4)), '6',
          notOne + ". Check pattern missing in header."},
-        {"of a later version", 0, version('\xff'), '7', path + " has an unknown version number (255)."},
+        {"of a later version", 0, version('\xff'), '7',
+         path + " has an unknown version number (255)."},
     };
     // clang-format on
     forEachRow(rows, [](const auto& row) {
