@@ -1,14 +1,19 @@
 // Fuzz target: every request function against what a hostile server may answer. The first byte of
-// the input chooses the request, the second one the data limit, and the rest is all that the server
-// ever sends.
-#include "fuzz/requests.h"
+// the input is the code of the request, the second one the data limit, and the rest is all that the
+// server ever sends.
+#include "tests/requests.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <sys/socket.h>
 #include <unistd.h>
 
 extern "C" int LLVMFuzzerTestOneInput(const U8* pInput, std::size_t size) {
     if (size < 2)
+        return 0;
+    const auto* const pRequest = std::find_if(std::begin(requests), std::end(requests),
+                                              [&](const auto& r) { return r.code == *pInput; });
+    if (pRequest == std::end(requests))
         return 0;
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0 || !holdSocket(ends[0]))
@@ -18,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const U8* pInput, std::size_t size) {
         std::abort();
     shutdown(ends[1], SHUT_WR);
     ManagerDataLimit = pInput[1];
-    requests[pInput[0] % std::size(requests)].call(ends[0]);
+    pRequest->call(ends[0]);
     managerAbandon(ends[0]);
     close(ends[1]);
     return 0;

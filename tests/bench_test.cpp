@@ -1,57 +1,80 @@
 // bench: the requests that it measures, its results file, and a failure to make either.
+#include "tests/expect.h"
 #include "tests/run_program.h"
 #include "tests/scratch.h"
 #include "tests/scripted_server.h"
 
-#include <gtest/gtest.h>
-#include <regex>
+#include <chrono>
 
 /// The 8 passes of one request size, each at an offset of its own, with these amounts.
-static std::string passes(unsigned sweep, const std::vector<unsigned>& amounts) {
-    std::string reads;
+static string passes(unsigned sweep, const std::vector<unsigned>& amounts) {
+    string reads;
     for (unsigned p = 1; p <= 8; ++p)
         for (const unsigned amount : amounts)
-            reads += "3 " + std::to_string(1 + p * sweep) + " " + std::to_string(amount) + " ";
+            reads += "READ " + std::to_string(1 + p * sweep) + " " + std::to_string(amount) + "\n";
     return reads;
 }
 
-TEST(Bench, EveryWay) {
-    const std::string running = "Writing data to scratch.\nBench test running, please wait.\n";
-    const std::string noRead = "Error reading source repository.\n";
-    const std::string end = "\nBench test finished.\n\nResults have been written to [LOG].\n";
-    const std::string all = "7 2 1 4 2 1 3 2 ", done = running + ".\n" + end;
-    // Options; the output, request codes and results, with a row of dots or of one code
-    // as one; and the last reads.
-    const std::tuple<Arguments, std::string, std::string, std::string, std::string> rows[] = {
-        // clang-format off
-        {{"-c1088"}, done, all, "1024 , \\d+ \n1088 , \\d+ \n",
-         passes(4096, {1024, 1024, 1024, 1024}) + passes(4096, {1088, 1088, 1088, 1088})},
-        {{"-c1087"}, done, all, "1024 , \\d+ \n", passes(4096, {1024, 1024, 1024, 1024})},
-        {{"-c2112"}, done, all, "(\\d+ , \\d+ \n){18}", passes(4096, {2112, 1984})},
-        {{"-c1024", "-s51347"}, done, all, "1024 , \\d+ \n", passes(51347, std::vector<unsigned>(51, 1024))},
-        {{"-s51348"}, running + noRead, "7 2 1 4 2 1 3 ", "", ""}, // behind the end of the file
-        {{"-l/no/log"}, "Error creating log file.\nPlease check path.\nopen: No such file or directory\n", "7 2 1 2 ", "\\(none\\)", ""},
-        // clang-format on
+TEST(Bench, MeasuresEverySize) {
+    const string made = "CREATE 0 scratch\nCLOSE\nOPEN 18 scratch\n";
+    string written = made;
+    for (int i = 0; i < 100; ++i)
+        written += "WRITE " + std::to_string(1280 + 4095 * i) + " 4095\n";
+    written += "CLOSE\nOPEN 18 scratch\n";
+    const string running = "Writing data to scratch.\nBench test running, please wait.\n";
+    const string finished = "\nBench test finished.\n\nResults have been written to [log].\n";
+    const string four = passes(4096, {1024, 1024, 1024, 1024});
+    // clang-format off
+    const struct {
+        Name name; // more modifiers
+        int sizes; // that are measured, with a dot for each
+        string begins, ends; // what is said before and behind the dots
+        string requests; // the last ones before the end
+    } rows[] = {
+        {"-c1088", 2, running, finished,
+         written + four + passes(4096, {1088, 1088, 1088, 1088}) + "CLOSE\n"},
+        {"-c1024 -s51347 # up to the end of the data", 1, running, finished,
+         passes(51347, std::vector<unsigned>(51, 1024)) + "CLOSE\n"},
+        {"-s51348 # behind the end of the data", 0, running,
+         "Error reading source repository.\n", "READ 410785 1024\n"},
+        {"-l /no/log", 0, "", "Error creating log file.\nPlease check path.\n"
+         "open: No such file or directory\n", made + "CLOSE\n"},
     };
-    for (const auto& [more, output, codes, results, reads] : rows) {
-        SCOPED_TRACE(output + codes + results);
+    // clang-format on
+    forEachRow(rows, [](const auto& row) {
         const Scratch scratch;
-        Volume volume;
         ScriptedServer server;
-        serveFiles(server, volume);
-        const std::string log = scratch.path("log");
-        Arguments arguments{"bench", "-tscratch", "-l", log, "127.0.0.1"};
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        const Outcome outcome = runKxadmin(arguments, server.port);
-        const std::string dotted =
-            std::regex_replace(outcome.out + outcome.err, std::regex("(\n\\.)+"), "\n.");
-        EXPECT_EQ(std::regex_replace(dotted, std::regex(log), "LOG"),
-                  banner + "Connecting to KXSRV at host [127.0.0.1]\n" + output);
-        EXPECT_EQ(std::regex_replace(server.codes(), std::regex("\\b(\\d+ )\\1+"), "$1"),
-                  "12 28 9 " + codes + "10");
-        EXPECT_TRUE(std::regex_match(scratch.read("log"), std::regex(results)));
-        EXPECT_TRUE(sent(server, {REQUEST_FILE_READ}, 2).ends_with(reads));
-        const std::string header(1280, '\0'), data(100 * 4095, 't');
-        EXPECT_TRUE(volume.files["scratch"] == (codes.size() > 8 ? header + data : ""));
-    }
+        const string line = "bench -tscratch -l log 127.0.0.1 " + row.name.text;
+        const RunResult run = runKxadmin(line, server.port, "", scratch.directory);
+        string dots, log = scratch.read("log");
+        for (int i = 0; i < row.sizes; ++i) {
+            const string size = std::to_string(1024 + 64 * i) + " , ";
+            EXPECT_EQ(log.substr(0, size.size()), size);
+            log.erase(0, log.find(" \n") + 2);
+            dots += ".\n";
+        }
+        const string begin = "[banner]\nConnecting to KXSRV at host [127.0.0.1]\n";
+        expectText(begin + row.begins + dots + row.ends, run.out + run.err);
+        const string trace = server.trace(), end = row.requests + "DISCONNECT\n";
+        expectText(end, trace.substr(trace.size() - std::min(trace.size(), end.size())));
+        const string data = string(1280, '\0') + string(100 * 4095, 't');
+        expectText(row.begins.empty() ? "" : data, server.source.files["scratch"]);
+    });
+}
+
+TEST(Bench, TellsTheTimeThatThePassesTook) {
+    using namespace std::chrono;
+    const Scratch scratch;
+    ScriptedServer server;
+    server.disturb = [](const string& line, const Answer& answer) {
+        std::this_thread::sleep_for(milliseconds(line.starts_with("READ") ? 2 : 0));
+        return answer;
+    };
+    const auto start = steady_clock::now();
+    runKxadmin("bench -c1024 -l log", server.port, "", scratch.directory);
+    const auto all = duration_cast<milliseconds>(steady_clock::now() - start).count();
+    const string log = scratch.read("log");
+    const long told = std::stol(log.substr(log.find(',') + 1));
+    EXPECT_GE(told, 32 * 2 - 1); // the passes' replies, a cut off part aside
+    EXPECT_LE(told, all + 1);
 }

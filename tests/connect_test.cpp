@@ -1,18 +1,11 @@
 // Connecting: the socket's options, the greeting, the port and where it comes from, the attempts.
 #include "client/kxclient.h"
 #include "net/socket.h"
+#include "tests/expect.h"
 #include "tests/run_program.h"
-#include "tests/scratch.h"
 #include "tests/scripted_server.h"
 
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <linux/tcp.h>
 #include <sys/socket.h>
-#include <sys/time.h>
-#include <thread>
-#include <unistd.h>
 
 TEST(Connect, SetsItsSocketUp) {
     const I32 listener = SocketSocket();
@@ -21,57 +14,24 @@ TEST(Connect, SetsItsSocketUp) {
     socklen_t length = sizeof address;
     getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
     const U16 port = SocketNtoHS(address.sin_port);
-    const I32 s = socketConnectToHost("localhost", port), accepted = SocketAccept(listener);
+    const I32 s = socketConnectToHost("localhost", port);
     // The kernel counts its own overhead in, by doubling.
     for (const auto& [option, expected] :
          {std::pair(SO_KEEPALIVE, 1), {SO_SNDBUF, 2 * 12288}, {SO_RCVBUF, 2 * 12288}}) {
         int value = -1;
         getsockopt(s, SOL_SOCKET, option, &value, &(length = sizeof value));
-        EXPECT_EQ(value, expected) << option;
+        EXPECT_EQ(value, expected) << "socket option " << option;
     }
-    // A window offered before the buffer shrank lets the server send what is then dropped.
-    tcp_info info{};
-    getsockopt(accepted, IPPROTO_TCP, TCP_INFO, &info, &(length = sizeof info));
-    EXPECT_LE(info.tcpi_snd_wnd, 2U * 12288);
-    for (const I32 each : {accepted, s, listener})
+    for (const I32 each : {s, listener})
         socketClose(each);
     EXPECT_EQ(socketConnectToHost("127.0.0.1", port), -2);
     EXPECT_EQ(socketConnectToHost("256.0.0.1", port), -4);
 }
 
-TEST(Connect, SendsTheRestThatASignalKeptBack) {
-    const itimerval often{{0, 500}, {0, 500}}, never{};
-    const int iSize = 8192;
-    std::string bytes;
-    for (int i = 0; i < 400000; ++i)
-        bytes += static_cast<char>(i * 31 + i / 251);
-    for (const I32 first : {24, 399976}) { // cut in the one part and in the other
-        int ends[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-        setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &iSize, sizeof iSize);
-        std::string received;
-        std::thread slowReader([&] {
-            char chunk[4096];
-            for (ssize_t n; (n = read(ends[1], chunk, sizeof chunk)) > 0; usleep(300))
-                received.append(chunk, static_cast<std::size_t>(n));
-        });
-        const auto before = std::signal(SIGALRM, [](int) {});
-        setitimer(ITIMER_REAL, &often, nullptr);
-        const char* const pMore = bytes.data() + first;
-        EXPECT_EQ(socketSendBuffers(ends[0], bytes.data(), first, pMore, 400000 - first), 400000);
-        setitimer(ITIMER_REAL, &never, nullptr);
-        std::signal(SIGALRM, before);
-        close(ends[0]);
-        slowReader.join();
-        close(ends[1]);
-        EXPECT_TRUE(received == bytes) << first;
-    }
-}
-
-/// What is said of the first `count` attempts.
-static std::string attempts(const std::string& host, unsigned port, int count) {
-    std::string text;
-    for (int left = 30; left > 30 - count; --left)
+/// What is said of the first attempts out of `all`.
+static string attempts(const string& host, unsigned port, int count, int all) {
+    string text;
+    for (int left = all; left > all - count; --left)
         text += "\rConnection to [" + host + "] port [" + std::to_string(port) +
                 "] failed.  Retrying [" + std::to_string(left) + "]  ";
     return text;
@@ -79,33 +39,22 @@ static std::string attempts(const std::string& host, unsigned port, int count) {
 
 TEST(Connect, RetriesUntilTheServerAppears) {
     ScriptedServer elsewhere; // its port is free at the next address
-    TerminalRun run(KXADMIN_PROGRAM, {"opts", "127.0.0.2"}, serverAt(elsewhere.port));
+    TerminalRun run(KXADMIN_PROGRAM, {"stat", "127.0.0.2"}, serverAt(elsewhere.port));
     ASSERT_TRUE(run.waitFor("Retrying [29]"));
     ScriptedServer server(INADDR_LOOPBACK + 1, elsewhere.port);
     EXPECT_EQ(run.finish(), 0);
-    const std::string line = std::string(78, '=') + "\r\n";
-    EXPECT_EQ(run.output.substr(run.output.find("C\r\n") + 3),
-              attempts("127.0.0.2", server.port, 2) + "\rConnected" + std::string(54, ' ') +
-                  "\r\n\r\n" + line + line);
+    const string said =
+        attempts("127.0.0.2", server.port, 2, 30) + "\rConnected" + string(54, ' ') + "\n\n====";
+    const std::size_t at = run.output.find("\rConn");
+    expectText(said, run.output.substr(std::min(at, run.output.size()), said.size()));
 }
 
 TEST(Connect, GivesUp) {
     ScriptedServer elsewhere; // so that nobody listens at its port here
-    const Outcome outcome = runKxadmin({"stat", "127.0.0.3"}, elsewhere.port);
-    EXPECT_EQ(outcome.err,
-              attempts("127.0.0.3", elsewhere.port, 30) + "\r" + std::string(63, ' ') + "\r");
-    EXPECT_EQ(outcome.out,
-              banner + "Unable to connecto to KXSRV at [127.0.0.3] or IP Address is unkown.\n");
-    EXPECT_EQ(outcome.status, 0);
-}
-
-TEST(Connect, ReportsToTheFileOfTestAndPrefersTheModifiersPort) {
-    ScriptedServer unused;
-    const Scratch files;
-    const std::string report = files.path("report");
-    const Outcome outcome = runKxadmin({"test", "-ra", "-f", report, "-P1ab"}, unused.port);
-    EXPECT_EQ(files.read("report"),
-              "1\nCould not connect to an KXSRV on localhost:1. Ensure that you have the correct "
-              "server address and port number and that KXSRV is running on that machine.\n");
-    EXPECT_EQ(outcome.out + outcome.err + unused.codes(), "");
+    const Arguments words{"--tries", "2", "--progress", "stat", "127.0.0.3"};
+    const RunResult run = runProgram(KXADMIN_PROGRAM "-strict", words, serverAt(elsewhere.port));
+    const string blank(63, ' ');
+    expectText(attempts("127.0.0.3", elsewhere.port, 2, 2) + "\r" + blank + "\r", run.err);
+    expectText("[banner]\nUnable to connecto to KXSRV at [127.0.0.3] or IP Address is unkown.\n",
+               abridged(run.out));
 }

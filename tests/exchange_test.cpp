@@ -1,188 +1,134 @@
-// The protocol client: the bytes of every request, what every broken reply and every odd one comes
-// to, how reads and writes are split.
-#include "fuzz/requests.h"
+// The protocol client: what odd replies come to, its limits, and how reads and writes are split.
 #include "net/socket.h"
+#include "tests/expect.h"
+#include "tests/requests.h"
 #include "tests/scripted_server.h"
-
-#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <climits>
-#include <fcntl.h>
-#include <unistd.h>
 
 using namespace std::string_literals;
 
 namespace {
 
-/// What came, and what was to come: a row makes its call as it is filled, one after the other.
-using Row = std::pair<std::string, std::string>;
-
-U8* const bytes = reinterpret_cast<U8*>(text);
-
 /// A server and a connection to it.
-struct Connection {
-    explicit Connection(const Answer& greeting = {be32(0xFFFFFFFF)}, I32 result = 0) {
-        server.greetings[0] = greeting;
+struct Session {
+    Session() {
         record.host = "localhost";
         // The number wraps at 16 bits and ends at the first character that is no digit.
         setenv("KXSRV_CTRL_PORT", (" +" + std::to_string(server.port + 65536) + "x").c_str(), 1);
-        EXPECT_EQ(managerConnect(&record), result);
+        EXPECT_EQ(managerConnect(&record), 0);
+        s = record.s;
         ManagerDataLimit = 32768;
-    }
-    ~Connection() {
-        managerAbandon(record.s);
-    }
-    /// The connection, when the next requests of `code` are to get these answers.
-    I32 expecting(U32 code, std::vector<Answer> answers) {
-        server.on(code, std::move(answers));
         std::memset(text, '.', sizeof text);
-        ManagerErrno = ManagerSysErrno = 77;
-        storeText(ManagerErrorText, "-");
-        errno = 0;
-        return record.s;
     }
-    /// The result, then the requests since the last call by their codes and parameters.
-    std::string sent(I32 result) {
-        std::string line = std::to_string(result);
-        for (const auto all = server.requests(); seen < all.size(); ++seen) {
-            const U32 code = getNumber(all[seen].data());
-            const std::string parameters = all[seen].substr(12);
-            EXPECT_EQ(all[seen], requestBytes(code, parameters));
-            line += "; " + std::to_string(code) + " " + hex(parameters);
-        }
-        return line;
+    ~Session() {
+        managerAbandon(s);
+    }
+    /// Makes the call of this request code, which is answered so.
+    I32 call(U32 code, const Answer& answer) {
+        server.on(code, {answer});
+        const auto* p = requests;
+        while (p->code != code)
+            ++p;
+        return p->call(s);
     }
     ScriptedServer server;
     CONNECT_PARAMS record{};
-    std::size_t seen = 0;
+    I32 s = -1;
 };
 
 } // namespace
 
-TEST(Exchange, TakesTheGreeting) {
-    for (const auto& [greeting, result] : {std::pair(Answer{be32(0)}, -247),
-                                           {{be32(1).substr(0, 3), Answer::CLOSE}, -244},
-                                           {{be32(1), Answer::CLOSE}, -244}})
-        EXPECT_EQ(managerFileClose(Connection(greeting, result).record.s), -243);
-}
-
-TEST(Exchange, SendsItsBytes) {
-    Connection scene;
-    for (const auto& [code, reply0] : {std::pair(8U, "1234"), {32U, "1234"}, {26U, "12345678"}})
-        scene.server.on(code, {reply(0, reply0)});
-    EXPECT_EQ(scene.sent(0), "0; 12 ");
-    for (const auto& [call, sent] : requests)
-        EXPECT_EQ(scene.sent(call(scene.record.s)), sent);
-}
-
-/// The request for statistics fails with `code` and the connection is closed once and for all: its
-/// number may belong to something else by then.
-static void expectLost(I32 s, I32 code) {
-    EXPECT_EQ(managerGetKXSRVStats(s, text), code);
-    EXPECT_EQ(text[0], '.');
-    ASSERT_EQ(fcntl(0, F_DUPFD, s), s) << "still open";
-    EXPECT_EQ(managerDisconnect(s), -243);
-    EXPECT_EQ(close(s), 0) << "closed twice";
-}
-
-TEST(Exchange, LosesTheConnectionOfABrokenReply) {
-    std::vector<std::pair<Answer, I32>> rows;
-    const std::string whole = replyBytes(0, "eight  b", "pad.");
-    for (std::size_t k = 0; k < whole.size(); ++k)
-        for (const Answer::After after : {Answer::CLOSE, Answer::RESET})
-            rows.push_back({{whole.substr(0, k), after}, k < 12 ? -242 : -240});
-    // Nothing follows a header that announces too much, and the client does not wait for it.
-    for (const auto& [padLength, length] : {std::pair(0U, 32769U), {1U, 32768U}, {1U, ~0U}})
-        rows.push_back({{be32(0) + be32(padLength) + be32(length), Answer::STALL}, -241});
-    for (const auto& [answer, code] : rows) {
-        SCOPED_TRACE(hex(answer.bytes));
-        Connection scene;
-        expectLost(scene.expecting(13, {answer}), code);
-    }
-    Connection scene;
-    EXPECT_EQ(managerFileClose(scene.expecting(2, {{replyBytes(0), Answer::RESET}})), 0);
-    while (SocketPeek(scene.record.s) > 0)
-        continue;
-    expectLost(scene.expecting(13, {reply(0)}), -243);
-}
-
 TEST(Exchange, TakesErrorsAndOddReplies) {
-    Connection scene;
-    CONNECT_PARAMS& record = scene.record;
-    const std::string x32768(32768, 'x'), n1023(1023, 'n'), n1024(1024, 'n');
-    const auto on = [&](U32 code, const Answer& answer) { return scene.expecting(code, {answer}); };
-    // Result, error number, system error (both 77 before), error text, start of the buffer.
-    const auto outcome = [](I32 rc) {
-        return std::to_string(rc) + " " + std::to_string(ManagerErrno) + " " +
-               std::to_string(ManagerSysErrno) + " " + std::string(ManagerErrorText).substr(0, 7) +
-               " " + std::string(text, 6);
+    const string full(32768, 'x');
+    const struct {
+        Name name;
+        U32 code;
+        Answer answer;
+        I32 result;
+        U32 error, systemError; // both are 77 before
+        string errorText;
+    } rows[] = {
+        {"a system error", 20, reply(5, "refused\0x"s + full.substr(9)), -5, 0, 5, "refused"},
+        {"a protocol error", 20, reply(INT_MIN, full), INT_MIN, 0x80000000, 0, ""},
+        {"the most data", 13, reply(0, full), 0, 77, 77, "-"},
+        {"a size that is no number", 8, reply(0, "12345"), -249, 249, 0, "Success"},
+        {"more than was asked for", 3, reply(0, full), -249, 249, 0, "Success"},
+        {"a type cut short", 28, reply(0, "123"), -1, 255, 0, "Success"},
     };
-    const auto version = [&](const std::string& data) {
-        on(25, reply(0, data));
-        EXPECT_EQ(managerGetVersion(&record), 0);
-        return record.versionStr + std::string(reinterpret_cast<char*>(&record.versionId), 4);
+    forEachRow(rows, [](const auto& row) {
+        Session session;
+        ManagerErrno = ManagerSysErrno = 77;
+        storeText(ManagerErrorText, "-");
+        errno = 0;
+        EXPECT_EQ(session.call(row.code, row.answer), row.result);
+        EXPECT_EQ(ManagerErrno, row.error);
+        EXPECT_EQ(ManagerSysErrno, row.systemError);
+        EXPECT_EQ(ManagerErrorText, row.errorText);
+    });
+}
+
+TEST(Exchange, KeepsToItsLimits) {
+    Session session;
+    const I32 s = session.s;
+    const auto writeAt = [&](U32 u32Limit) { // where none is known yet
+        ManagerDataLimit = 0;
+        session.server.on(REQUEST_GET_MAX_DATA, {reply(0, be32(u32Limit))});
+        return managerFileWrite(s, 0, text, 1, 0);
     };
+    EXPECT_EQ(writeAt(0), -250);
+    EXPECT_EQ(writeAt(65536), 1);
+    EXPECT_EQ(ManagerDataLimit, 32768U);
+    EXPECT_EQ(writeAt(4096), 1);
+    session.server.on(REQUEST_GET_MAX_DATA, {reply(0, be32(8192))});
+    EXPECT_EQ(managerGetMaxData(s), 4096) << "it only falls";
+    session.server.on(REQUEST_FILE_OPEN, {reply(0)});
+    const string n1023(1023, 'n'), n1024(1024, 'n');
+    EXPECT_EQ(managerFileOpen(n1023.c_str(), 18, s), s);
+    EXPECT_EQ(managerFileOpen(n1024.c_str(), 18, s), -255);
+    EXPECT_EQ(managerFileGetVolSpace(s, (n1024 + "n").c_str(), &blocks, &blockSize), -255);
+    session.server.on(REQUEST_FILE_GET_VOL_SPACE, {reply(0, be32(9) + be32(0))});
     testing::internal::CaptureStdout();
-    const Row rows[] = {
-        // clang-format off
-        {outcome(managerFileClose(on(2, reply(5, "refused\0"s + x32768.substr(8))))), "-5 0 5 refused ......"},
-        {outcome(managerFileClose(on(2, {replyBytes(5, "cut", "pad")}))), "-5 0 5 cut ......"},
-        {outcome(managerFileClose(on(2, reply(INT_MIN, x32768)))), "-2147483648 2147483648 0  ......"},
-        {outcome(managerGetKXSRVStats(on(13, reply(0, x32768)), text)), "0 77 77 - xxxxxx"},
-        {outcome(managerGetKXSRVStats(on(13, {replyBytes(0, "", x32768)}), text)), "0 77 77 - ......"},
-        {outcome(managerGetConnectionList(on(14, reply(-7, "part")), text)), "-7 77 77 - part.."},
-        {outcome(managerStopServer(on(17, reply(5, "no")))), "0 77 77 - ......"},
-        {outcome(managerFileGetEOF(on(8, reply(0, "12345")), bytes)), "-249 249 0 Success ......"},
-        {outcome(managerFileRead(on(3, reply(0, "12345")), 0, bytes, 4, 0)), "-249 249 0 Success ......"},
-        {outcome(managerFileGetVolSpace(on(26, reply(0, be32(9) + be32(0))), n1024.c_str(), &blocks, &blockSize)), "-1 77 77 - ......"},
-        {outcome(BasicQueryServerType(on(28, reply(0, be32(6) + x32768.substr(4))), text)), "2 77 77 - xxxxxx"},
-        {text, x32768.substr(0, 1023)}, {version("7.0a\0\1\2\3\4"s), "7.0a\1\2\3\4"}, {version("7.0b\0\1\2\3"s), "7.0b\0\0\0\0"s},
-        {version(x32768.substr(5) + "\0\1\2\3\4"s), x32768.substr(0, 128) + "\1\2\3\4"},
-        {outcome(managerFileOpen(n1023.c_str(), 18, on(1, reply(0))) - record.s), "0 77 77 - ......"},
-        {outcome(managerFileOpen(n1024.c_str(), 18, on(1, reply(0)))), "-255 255 0 Success ......"},
-        // Without a data limit a transfer asks for it, and gives up when there is none; it only falls.
-        {outcome(managerGetMaxData(on(9, reply(0, be32(1) + "more")))), "-249 249 0 Success ......"},
-        {outcome(managerGetMaxData(on(9, reply(0, be32(0))))), "0 77 77 - ......"},
-        {outcome(managerFileWrite(record.s, 0, bytes, 1, 0)), "-250 250 0 Success ......"},
-        {outcome(managerFileWrite(on(9, reply(0, be32(65536))), 0, bytes, 1, 0)), "1 77 77 - ......"},
-        {std::to_string(ManagerDataLimit), "32768"}, {outcome(managerGetMaxData(on(9, reply(0, be32(4096))))), "4096 77 77 - ......"},
-        {outcome(managerGetMaxData(on(9, reply(0, be32(8192))))), "4096 77 77 - ......"},
-        {outcome(managerDisconnect(on(10, reply(-3)))), "0 77 77 - ......"},
-        {outcome(managerFileClose(record.s)), "-243 243 9 Bad fil ......"},
-        // clang-format on
-    };
-    for (const auto& [came, expected] : rows)
-        EXPECT_EQ(came, expected);
+    const I32 rc = managerFileGetVolSpace(s, n1024.c_str(), &blocks, &blockSize);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "\nError: KXSRV returned 0 for the bytes per block.\n");
-    EXPECT_EQ(scene.server.codes(), "12 2 2 2 13 13 14 17 8 3 26 28 25 25 25 1 9 9 9 9 4 9 9 10");
+    EXPECT_EQ(rc, -1);
 }
 
 TEST(Exchange, SplitsReadsAndWrites) {
-    Connection scene;
     const Answer ab = reply(0, "ab"), c = reply(0, "c");
-    scene.sent(0);
-    const auto with = [&](U32 limit, const std::vector<Answer>& readAnswers = {}) {
-        ManagerDataLimit = limit;
-        scene.server.on(3, readAnswers);
-        return scene.expecting(36, readAnswers);
+    // clang-format off
+    const struct {
+        Name name;
+        U32 limit;
+        I32 (*call)(I32 s);
+        I32 result;
+        string requests;
+        std::vector<Answer> answers = {};
+        string read = "........."; // by the call
+    } rows[] = {
+        {"a read", 2, [](I32 s) { return managerFileRead(s, 9, text, 3, 3); }, 3,
+         "READ 9 2\nREAD 11 1\n", {ab, c}, "...abc..."},
+        {"a read across 4 GB", 2, [](I32 s) { return manager16GbFileRead(s, 2, ~1U, text, 5, 3); },
+         5, "READ 2 4294967294 2\nREAD 3 0 2\nREAD 3 2 1\n", {ab, ab, c}, "...ababc."},
+        {"a limit of 1", 1, [](I32 s) { return manager16GbFileRead(s, 0, 7, text, 5, 0); },
+         2, "READ 0 7 5\n", {ab}, "ab......."},
+        {"a write", 2, [](I32 s) { return managerFileWrite(s, 7, "-abc", 3, 1); },
+         3, "WRITE 7 2 ab\nWRITE 9 1 c\n"},
+        {"a write across 4 GB", 2,
+         [](I32 s) { return manager16GbFileWrite(s, 2, ~1U, "-abc", 3, 1); },
+         3, "WRITE 2 4294967294 2 ab\nWRITE 3 0 1 c\n"},
     };
-    const auto outcome = [&](I32 rc) { return scene.sent(rc) + " " + std::string(text, 9); };
-    const Row rows[] = {
-        // clang-format off
-        {outcome(managerFileRead(with(2, {ab, c}), 9, bytes, 3, 3)), "3; 3 00000009 00000002; 3 0000000b 00000001 ...abc..."},
-        {outcome(managerFileRead(with(2, {ab, c}), 0, bytes, 6, 0)), "3; 3 00000000 00000002; 3 00000002 00000002 abc......"},
-        {outcome(managerFileRead(with(1, {c}), 0, bytes, 2, 3)), "2; 3 00000000 00000001; 3 00000001 00000001 ...cc...."},
-        {outcome(managerFileRead(with(1, {reply(0)}), 5, bytes, 0, 0)), "0; 3 00000005 00000000 ........."},
-        {outcome(manager16GbFileRead(with(2, {ab, ab, c}), 2, ~1U, bytes, 5, 3)),
-         "5; 36 00000002 fffffffe 00000002; 36 00000003 00000000 00000002; 36 00000003 00000002 00000001 ...ababc."},
-        {outcome(manager16GbFileRead(with(1, {ab}), 0, 7, bytes, 5, 0)), "2; 36 00000000 00000007 00000005 ab......."},
-        {outcome(managerFileWrite(with(2), 7, "-abc", 3, 1)), "3; 4 00000007 00000002 6162; 4 00000009 00000001 63 ........."},
-        {outcome(manager16GbFileWrite(with(2), 2, ~1U, "-abc", 3, 1)),
-         "3; 39 00000002 fffffffe 00000002 6162; 39 00000003 00000000 00000001 63 ........."},
-        // clang-format on
-    };
-    for (const auto& [came, expected] : rows)
-        EXPECT_EQ(came, expected);
+    // clang-format on
+    forEachRow(rows, [](const auto& row) {
+        Session session;
+        ManagerDataLimit = row.limit;
+        for (const U32 code : {REQUEST_FILE_READ, REQUEST_16GB_FILE_READ})
+            if (!row.answers.empty())
+                session.server.on(code, row.answers);
+        EXPECT_EQ(row.call(session.s), row.result);
+        expectText("ADDRESS\n" + row.requests, session.server.trace());
+        EXPECT_EQ(string(text, 9), row.read);
+    });
 }

@@ -1,9 +1,9 @@
 // The sandbox on a system without the call that keeps names within its directory.
+#include "tests/expect.h"
 #include "tests/run_program.h"
 
 #include <cerrno>
 #include <cstddef>
-#include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <linux/unistd.h>
@@ -24,25 +24,26 @@ static bool withoutOpenat2(unsigned uError) {
            prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
-TEST(Openat2, IsMissedAtTheStart) {
-    static const struct {
+TEST(Sandbox, TellsThatOpenat2CannotBeCalled) {
+    const struct {
+        Name name;
         unsigned error;
-        const char* why;
+        string why;
     } rows[] = {
-        {ENOSYS, "openat2 is missing, which came with Linux 5.6"},
-        {EPERM, "a filter of system calls, as of a container, forbids openat2"},
+        {"missing", ENOSYS, "openat2 is missing, which came with Linux 5.6"},
+        {"forbidden", EPERM, "a filter of system calls, as of a container, forbids openat2"},
     };
-    for (const auto& row : rows) {
+    forEachRow(rows, [](const auto& row) {
         bool fFiltered = false;
-        Outcome outcome;
+        RunResult run;
         std::thread([&] {
             fFiltered = withoutOpenat2(row.error);
             if (fFiltered)
-                outcome = runProgram(KXSANDBOX_PROGRAM, {"--", "true"});
+                run = runProgram(KXSANDBOX_PROGRAM, {"--", "true"});
         }).join();
         if (!fFiltered)
             GTEST_SKIP() << "no filter of system calls can be had here";
-        EXPECT_EQ(1, outcome.status);
-        EXPECT_EQ(std::string("kxsandbox: cannot serve files: ") + row.why + "\n", outcome.err);
-    }
+        EXPECT_EQ(run.status, 1);
+        expectText("kxsandbox: cannot serve files: " + row.why + "\n", run.err);
+    });
 }

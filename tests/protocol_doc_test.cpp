@@ -1,27 +1,24 @@
 // docs/protocol.md: its transcripts, replayed to the sandbox that it tells to start.
 #include "client/exchange.h"
-#include "net/socket.h"
-#include "tests/run_program.h"
-#include "tests/scratch.h"
-#include "tests/scripted_server.h"
+#include "tests/expect.h"
+#include "tests/sandbox.h"
 
 #include <fnmatch.h>
-#include <gtest/gtest.h>
 #include <regex>
 #include <set>
 
-static std::vector<std::smatch> matches(const std::string& text, const std::string& pattern) {
+static std::vector<std::smatch> matches(const string& text, const string& pattern) {
     const std::regex regex(pattern);
     return {std::sregex_iterator(text.begin(), text.end(), regex), {}};
 }
 
-static std::string digits(const std::string& bytes) {
+static string digits(const string& bytes) {
     return std::regex_replace(hex(bytes), std::regex(" "), "");
 }
 
 /// The bytes of a line of the page in hexadecimal, with "?" and "*" as they stand.
-static std::string bytesOf(const std::string& line) {
-    std::string text;
+static string bytesOf(const string& line) {
+    string text;
     for (const auto& word : matches(line, "\"([^\"]*)\"|([0-9a-f]{2})x(\\d+)|(\\S+)")) {
         text += digits(word[1]) + word[4].str();
         for (int i = word[3].matched ? std::stoi(word[3]) : 0; i > 0; --i)
@@ -30,61 +27,65 @@ static std::string bytesOf(const std::string& line) {
     return text;
 }
 
-static std::string receive(I32 s, U32 u32Length) {
-    std::string bytes(std::min(u32Length, U32{65536}), '\0');
-    const I32 iGot = socketReceiveBuffer(s, bytes.data(), static_cast<I32>(bytes.size()));
-    return bytes.substr(0, static_cast<std::size_t>(std::max(iGot, 0)));
+/// Expects the message that the page has. Where it has lines, they are the header and a text's
+/// lines.
+static void expectMessage(const string& onPage, const string& message) {
+    const auto lines = matches(onPage, ".+");
+    std::size_t at = 0;
+    for (const auto& line : lines) {
+        const bool fText = at != 0;
+        std::size_t end = lines.size() == 1 ? message.size() : 12;
+        if (fText)
+            end = message.find('\n', at) + 1;
+        const string got = message.substr(at, end - at);
+        ASSERT_EQ(fnmatch(bytesOf(line.str()).c_str(), digits(got).c_str(), 0), 0)
+            << "the page:    " << line.str() << "\nthe sandbox: "
+            << (fText ? '"' + got.substr(0, got.size() - 1) + "\" 0a" : hex(got));
+        at = end;
+    }
+    EXPECT_EQ(message.substr(at), "") << "behind what the page has";
 }
 
 TEST(ProtocolPage, ItsTranscriptsAreTrue) {
-    const Scratch scratch;
-    const std::string page = readFile(KX_SOURCE_DIR "/docs/protocol.md");
-    const std::string start = "cd " + scratch.directory +
-                              "; PATH=$(dirname " KXSANDBOX_PROGRAM "):$PATH\n" +
-                              matches(page, "```sh\n([^`]*)```").at(0).str(1);
-    TerminalRun sandbox("/bin/sh", {"-c", start}, {});
-    ASSERT_TRUE(sandbox.waitFor("port ") && sandbox.waitFor("\n")) << sandbox.output;
-    const auto port = std::stoul(sandbox.output.substr(sandbox.output.find("port ") + 5));
-
-    std::string transcripts;
-    for (const auto& block : matches(page, "```wire\n([^`]*)```"))
-        transcripts += std::regex_replace(block.str(1), std::regex(" *#.*"), "");
-    transcripts = std::regex_replace(transcripts, std::regex("\n +"), " ");
-    std::map<std::string, I32> connections; // by name
+    const string file = KX_SOURCE_DIR "/docs/protocol.md", page = readFile(file);
+    const string start = matches(page, "```sh\n([^`]*)```").at(0).str(1);
+    Sandbox sandbox("", start);
+    std::map<string, std::unique_ptr<Peer>> peers; // by name
     std::set<U32> codes;
-    for (const auto& line : matches(transcripts, "(\\w*)([<>]) (.*)")) {
-        SCOPED_TRACE(line.str());
-        const bool fNew = !connections.contains(line[1]);
-        I32& s = connections[line[1]];
-        if (fNew) {
-            s = socketConnectToHost("127.0.0.1", static_cast<U32>(port));
-            const timeval patience{10, 0}; // with a reply that the page has and the sandbox has not
-            setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-        }
-        const std::string expected = bytesOf(line[3]);
-        if (line[2] == ">") {
-            std::string bytes;
-            for (std::size_t i = 0; i < expected.size(); i += 2)
-                bytes += static_cast<char>(std::stoi(expected.substr(i, 2), nullptr, 16));
-            socketSendBuffer(s, bytes.data(), static_cast<I32>(bytes.size()));
-            codes.insert(getNumber(bytes.data()));
-        } else if (line[3] == "end") {
-            ASSERT_EQ(receive(s, 1), "");
-            socketClose(s);
-            connections.erase(line[1]);
-        } else {
-            std::string got = receive(s, fNew ? 4 : 12);
-            if (got.size() == 12)
-                got += receive(s, getNumber(&got[4]) + getNumber(&got[8]));
-            ASSERT_EQ(fnmatch(expected.c_str(), digits(got).c_str(), 0), 0) << hex(got);
+    for (const auto& block : matches(page, "```wire\n([^`]*)```")) {
+        const string transcript = std::regex_replace(block.str(1), std::regex(" *#.*"), "");
+        for (const auto& found : matches(transcript, "(\\w*)([<>]) (.*(?:\n .*)*)")) {
+            const auto line = std::count(page.begin(), page.begin() + block.position(1), '\n') +
+                              std::count(&transcript[0], &transcript[0] + found.position(), '\n');
+            const testing::ScopedTrace trace(file.c_str(), static_cast<int>(line) + 1,
+                                             "this message of the page");
+            const string message = found[3];
+            std::unique_ptr<Peer>& peer = peers[found[1]];
+            const bool fNew = peer == nullptr;
+            if (fNew)
+                peer = std::make_unique<Peer>(sandbox);
+            if (found[2] == ">") {
+                const string hexadecimal = bytesOf(message);
+                string bytes;
+                for (std::size_t i = 0; i < hexadecimal.size(); i += 2)
+                    bytes += static_cast<char>(std::stoi(hexadecimal.substr(i, 2), nullptr, 16));
+                peer->send(bytes);
+                codes.insert(getNumber(bytes.data()));
+            } else if (message == "end") {
+                EXPECT_EQ(peer->receive(1), "");
+                peer = nullptr;
+            } else {
+                expectMessage(message, fNew ? peer->greeting : peer->receiveReply());
+            }
+            ASSERT_FALSE(testing::Test::HasFailure());
         }
     }
     ASSERT_TRUE(codes.contains(REQUEST_STOP_SERVER));
-    EXPECT_EQ(sandbox.finish(), 0);
-    const std::string header = readFile(KX_SOURCE_DIR "/client/protocol.h");
+    EXPECT_EQ(sandbox.run.finish(), 0);
+    const string header = readFile(KX_SOURCE_DIR "/client/protocol.h");
     for (const auto& row : matches(header, "(REQUEST_\\w+) = (\\d+),")) {
-        const std::string title = "\n### " + row.str(2) + " `" + row.str(1) + "`\n";
-        EXPECT_NE(page.find(title), page.npos) << title;
+        const string title = "\n### " + row.str(2) + " `" + row.str(1) + "`\n";
+        EXPECT_NE(page.find(title), page.npos) << "no chapter" << title;
         EXPECT_TRUE(codes.contains(static_cast<U32>(std::stoul(row[2])))) << title;
     }
 }

@@ -1,66 +1,59 @@
 // test: whether a file is a repository, told on the console or in the report file.
+#include "tests/expect.h"
 #include "tests/run_program.h"
 #include "tests/scratch.h"
 #include "tests/scripted_server.h"
 
-#include <gtest/gtest.h>
-
-using namespace std::string_literals;
-
-TEST(Repository, EveryOutcomeOnTheConsoleAndInTheReport) {
-    const std::string header = repository(1280), path = "127.0.0.1:/a.rep";
-    const auto version = [&](char c) { return reply(0, std::string(header).replace(4, 1, 1, c)); };
-    const std::string valid = path + " appears to be a valid repository with a maximum size of ";
-    const std::string denied = path + ". Access was denied - another process may have the "
-                                      "repository opened in an exclusive mode.";
-    const std::string notOne = path + " does not appear to be a valid repository";
-    const std::string tooSmall =
+TEST(Repository, IsJudgedOnTheConsoleAndInTheReport) {
+    const string header = repository(1280), path = "127.0.0.1:/a.rep";
+    const auto version = [&](char c) { return reply(0, string(header).replace(4, 1, 1, c)); };
+    const string valid = path + " appears to be a valid repository with a maximum size of ";
+    const string noOpen = "Could not open repository " + path + ". ";
+    const string noRead = "Could not read from the repository " + path + ". ";
+    const string denied = "Access was denied - another process may have the repository opened "
+                          "in an exclusive mode.";
+    const string notOne = path + " does not appear to be a valid repository";
+    const string tooSmall =
         notOne + " as it is too small.  All repositories must be at least 1280 bytes in size.";
-    // The code in the report; the results of open and read; the message, which follows the code but
-    // an 8, and whether an empty line is behind it on the console. The sweep has the error 5.
-    const std::tuple<char, I32, Answer, std::string, bool> rows[] = {
-        // clang-format off
-        {'0', 0, version(5), valid + "1 GB.", false},
-        {'0', 0, version(6), valid + "16 GB (subject to limitations of the hosting file system).", false},
-        {'2', 2, {}, "Could not open repository " + path + ". The repository does not exist or could not be found.", true},
-        {'3', 33, {}, "Could not open repository " + denied, true},
-        {'8', 13, {}, "Unexpected error rc=-13 opening repository " + path + ".", true},
-        {'4', 0, reply(33), "Could not read from the repository " + denied, true},
-        {'5', 0, reply(13), tooSmall, false},
-        {'5', 0, reply(0, header.substr(1)), tooSmall, false},
-        {'6', 0, reply(0, "4320" + header.substr(4)), notOne + ". Check pattern missing in header.", true},
-        {'7', 0, version('\xff'), path + " has an unknown version number (255).", true},
-        // clang-format on
+    // clang-format off
+    const struct {
+        Name name;
+        I32 opened; // the result of the open
+        Answer read;
+        char code; // in the report; the message follows it, but for an 8
+        string message;
+        bool fBlankLine = true; // behind the message on the console
+    } rows[] = {
+        {"of 1 GB", 0, version(5), '0', valid + "1 GB.", false},
+        {"of 16 GB", 0, version(6), '0',
+         valid + "16 GB (subject to limitations of the hosting file system).", false},
+        {"not there", 2, {}, '2', noOpen + "The repository does not exist or could not be found."},
+        {"open elsewhere", 5, {}, '3', noOpen + denied},
+        {"not to be opened", 13, {}, '8',
+         "Unexpected error rc=-13 opening repository " + path + "."},
+        {"locked elsewhere", 0, reply(33), '4', noRead + denied},
+        {"a byte too small", 0, reply(0, header.substr(1)), '5', tooSmall, false},
+        {"of another pattern", 0, reply(0, "4320" + header.substr(4)), '6',
+         notOne + ". Check pattern missing in header."},
+        {"of a later version", 0, version('\xff'), '7',
+         path + " has an unknown version number (255)."},
     };
-    for (const auto& [code, opened, read, message, fBlank] : rows)
+    // clang-format on
+    forEachRow(rows, [](const auto& row) {
         for (const bool fReport : {false, true}) {
-            SCOPED_TRACE(message + (fReport ? " in the report" : ""));
+            SCOPED_TRACE(fReport ? "in the report" : "on the console");
             const Scratch scratch;
             ScriptedServer server;
-            server.on(REQUEST_FILE_OPEN, {reply(opened)});
-            server.on(REQUEST_FILE_READ, {read});
-            const std::string option = fReport ? "-f" + scratch.path("report") : "--";
-            const Outcome outcome =
-                runKxadmin({"test", "-r/a.rep", "127.0.0.1", option}, server.port);
-            const std::string report = code + ("\n" + (code == '8' ? "" : message + "\n"));
-            const std::string console = banner + message + (fBlank ? "\n\n" : "\n");
-            EXPECT_EQ(outcome.out + outcome.err, fReport ? "" : console);
-            EXPECT_EQ(scratch.read("report"), fReport ? report : "(none)");
-            EXPECT_EQ(server.codes(), opened != 0 ? "12 28 9 1 10" : "12 28 9 1 3 2 10");
+            server.on(REQUEST_FILE_OPEN, {reply(row.opened)});
+            server.on(REQUEST_FILE_READ, {row.read});
+            const string line = "test -r/a.rep 127.0.0.1" + string(fReport ? " -f report" : "");
+            const RunResult run = runKxadmin(line, server.port, "", scratch.directory);
+            const string console = row.message + (row.fBlankLine ? "\n\n" : "\n");
+            const string report = row.code == '8' ? "\n" : "\n" + row.message + "\n";
+            expectText(fReport ? "" : "[banner]\n" + console, run.out + run.err);
+            expectText(fReport ? row.code + report : "(none)", scratch.read("report"));
+            const string read = row.opened == 0 ? "READ 0 1280\nCLOSE\n" : "";
+            EXPECT_EQ(server.trace(), hello + "OPEN 66 /a.rep\n" + read + "DISCONNECT\n");
         }
-}
-
-TEST(Repository, ReportFilesThatExistOrCannotBeHad) {
-    const Scratch scratch;
-    scratch.write("old", std::string(2000, 'o'));
-    ScriptedServer server;
-    server.on(REQUEST_FILE_OPEN, {reply(13)});
-    for (const auto& [path, output] :
-         {std::pair{scratch.path("old"), "17.\n"},
-          {"/tmp", "21.\nError creating temporary file /tmp.\n"},
-          {"/dev/full", "17.\nError writing temporary file /dev/full.\n"}}) {
-        const Outcome outcome = runKxadmin({"test", "-ra", "127.0.0.1", "-f", path}, server.port);
-        EXPECT_TRUE((outcome.out + outcome.err).ends_with(", errno = "s + output)) << path;
-    }
-    EXPECT_EQ(scratch.read("old"), "8\n");
+    });
 }

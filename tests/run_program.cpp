@@ -8,12 +8,12 @@
 #include <termios.h>
 #include <unistd.h>
 
-Outcome runProgram(const std::string& program, const Arguments& arguments,
-                   const Environment& environment, const std::string& input) {
+RunResult runProgram(const string& program, const Arguments& arguments,
+                     const Environment& environment, const string& input) {
     const Scratch scratch;
     scratch.write("in", input);
-    const std::string in = "cat " + scratch.path("in"), out = scratch.path("out"),
-                      err = scratch.path("err");
+    const string in = "cat " + scratch.path("in"), out = scratch.path("out"),
+                 err = scratch.path("err");
     Arguments words{"-c", in + " | \"$0\" \"$@\" >" + out + " 2>" + err, program};
     words.insert(words.end(), arguments.begin(), arguments.end());
     const int status = TerminalRun("/bin/sh", words, environment).finish();
@@ -24,20 +24,39 @@ Environment serverAt(unsigned port) {
     return {{"KXSRV_CTRL_PORT", std::to_string(port)}};
 }
 
-Outcome runKxadmin(const Arguments& arguments, unsigned port, const std::string& input) {
-    return runProgram(KXADMIN_PROGRAM, arguments, serverAt(port), input);
+RunResult runKxadmin(const string& line, unsigned port, const string& input,
+                     const string& directory) {
+    Environment environment = serverAt(port);
+    for (const unsigned n : {30U, 31U, 79U, 80U, 1023U, 1024U})
+        environment["x" + std::to_string(n)] = string(n, 'x');
+    const string script = "cd " + directory + "; \"$0\" " + line + "\nstatus=$?; cat; exit $status";
+    RunResult run = runProgram("/bin/sh", {"-c", script, KXADMIN_PROGRAM}, environment, input);
+    run.out = abridged(run.out);
+    return run;
 }
 
-TerminalRun::TerminalRun(const std::string& program, const Arguments& arguments,
+static void replaceAll(string& text, const string& part, const string& by) {
+    for (auto at = text.find(part); !part.empty() && at != text.npos; at = text.find(part, at))
+        text.replace(at, part.size(), by);
+}
+
+string abridged(string text) {
+    static const string usage = runProgram(KXADMIN_PROGRAM, {}).out;
+    replaceAll(text, usage, "[usage]\n");
+    replaceAll(text, usage.substr(0, usage.find("\nUsage")), "[banner]\n");
+    return text;
+}
+
+TerminalRun::TerminalRun(const string& program, const Arguments& arguments,
                          const Environment& environment) {
     // A command line of env, put together before the fork: the child may not allocate.
-    Arguments words{"/usr/bin/env", "-i", std::string("PATH=") + std::getenv("PATH"), "LC_ALL=C"};
+    Arguments words{"/usr/bin/env", "-i", string("PATH=") + std::getenv("PATH"), "LC_ALL=C"};
     for (const auto& [name, value] : environment)
         words.push_back(name + "=" + value);
     words.push_back(program);
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
-    for (std::string& word : words)
+    for (string& word : words)
         argv.push_back(word.data());
     argv.push_back(nullptr);
     process = forkpty(&terminal, nullptr, nullptr, nullptr);
@@ -66,13 +85,16 @@ TerminalRun::~TerminalRun() {
 bool TerminalRun::readMore() {
     char buffer[4096];
     const ssize_t n = read(terminal, buffer, sizeof buffer);
-    if (n > 0)
-        output.append(buffer, static_cast<std::size_t>(n));
+    for (ssize_t i = 0; i < n; ++i)
+        if (buffer[i] == '\n' && output.ends_with('\r'))
+            output.back() = '\n';
+        else
+            output += buffer[i];
     return n > 0;
 }
 
-bool TerminalRun::waitFor(const std::string& text) {
-    while (output.find(text) == std::string::npos)
+bool TerminalRun::waitFor(const string& text) {
+    while (output.find(text) == string::npos)
         if (!readMore())
             return false;
     return true;
@@ -91,7 +113,7 @@ bool TerminalRun::waitForEcho(bool fOn) {
     return echoes() == fOn;
 }
 
-void TerminalRun::type(const std::string& keys) const {
+void TerminalRun::type(const string& keys) const {
     if (write(terminal, keys.data(), keys.size()) != static_cast<ssize_t>(keys.size()))
         std::abort();
 }

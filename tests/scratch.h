@@ -4,28 +4,33 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 
+using std::string;
+
 /// All of the file, or "(none)" when there is none.
-inline std::string readFile(const std::string& path) {
+inline string readFile(const string& path) {
     std::ifstream stream(path, std::ios::binary);
-    return stream ? std::string(std::istreambuf_iterator(stream), {}) : "(none)";
+    std::ostringstream text;
+    text << stream.rdbuf();
+    return stream.is_open() ? text.str() : "(none)";
 }
 
 struct Scratch {
     ~Scratch() {
         std::filesystem::remove_all(directory);
     }
-    std::string path(const std::string& file) const {
+    string path(const string& file) const {
         return directory + "/" + file;
     }
-    std::string read(const std::string& file) const {
+    string read(const string& file) const {
         return readFile(path(file));
     }
-    void write(const std::string& file, const std::string& bytes) const {
+    void write(const string& file, const string& bytes) const {
         std::ofstream(path(file), std::ios::binary) << bytes;
     }
 
     char name[20] = "/tmp/kxtest.XXXXXX";
-    const std::string directory = mkdtemp(name);
+    const string directory = mkdtemp(name);
 };
