@@ -198,7 +198,7 @@ I32 managerFileGetVolSpace(I32 s, const char* file, U32* freeBlocks, U32* bytesP
     *freeBlocks = getNumber(Reply.Padding);
     *bytesPerBlock = getNumber(Reply.Padding + 4);
     if (*bytesPerBlock == 0) {
-        displayConsoleMessage("\nError: KXSRV returned 0 for the bytes per block.");
+        displayFailure("\nError: KXSRV returned 0 for the bytes per block.");
         return -1;
     }
     return 0;

@@ -22,7 +22,7 @@ U32 ManagerErrno = 0;
 U32 ManagerSysErrno = 0;
 char ManagerErrorText[MAX_REPLY_DATA];
 
-const U32 ManagerConnectRetries = 30;
+U32 ManagerConnectRetries = 30;
 U32 ManagerDataLimit = 0;
 U32 ManagerLocalIP = 0;
 
@@ -174,12 +174,13 @@ static I32 connectWithRetries(const char* host, U16 port) {
         s = socketConnectToHost(host, port);
         if (s >= 0)
             break;
-        printTo(stderr, "\rConnection to [%s] port [%d] failed.  Retrying [%u]  ", host, port,
-                retries);
-        sleep(1);
+        displayProgress("\rConnection to [%s] port [%d] failed.  Retrying [%u]  ", host, port,
+                        retries);
+        if (retries != 1 || fStrict == 0)
+            sleep(1);
     }
     if (retries != ManagerConnectRetries)
-        printTo(stderr, s >= 0 ? "\r%-63s\n" : "\r%63s\r", s >= 0 ? "Connected" : "");
+        displayProgress(s >= 0 ? "\r%-63s\n" : "\r%63s\r", s >= 0 ? "Connected" : "");
     return s;
 }
 
@@ -187,6 +188,7 @@ static I32 connectWithRetries(const char* host, U16 port) {
 static I32 connectForReport(const char* host, U16 port) {
     const I32 s = socketConnectToHost(host, port);
     if (s < 0) {
+        recordEnding(ENDING_UNREACHED);
         logTempFileMessage(testInfo.hTempFile, "1\n");
         logTempFileMessage(testInfo.hTempFile,
                            "Could not connect to an KXSRV on %s:%d. Ensure that you have the "
@@ -199,12 +201,16 @@ static I32 connectForReport(const char* host, U16 port) {
 }
 
 /// What the server says first: its identifier for the connection, which must not be 0.
-static I32 receiveGreeting(I32 s) {
+static I32 receiveGreeting(const CONNECT_PARAMS* pcp) {
     U32 connectionID;
-    if (socketReceiveBuffer(s, &connectionID, sizeof connectionID) != sizeof connectionID)
-        return loseConnection(s, LOCAL_GREETING_FAILED);
-    if (socketNtoHL(connectionID) == 0)
-        return loseConnection(s, LOCAL_REFUSED);
+    if (socketReceiveBuffer(pcp->s, &connectionID, sizeof connectionID) != sizeof connectionID) {
+        noteEnding(ENDING_UNREACHED, "[%s] did not greet the connection", pcp->host);
+        return loseConnection(pcp->s, LOCAL_GREETING_FAILED);
+    }
+    if (socketNtoHL(connectionID) == 0) {
+        noteEnding(ENDING_UNREACHED, "[%s] refused the connection", pcp->host);
+        return loseConnection(pcp->s, LOCAL_REFUSED);
+    }
     return 0;
 }
 
@@ -225,7 +231,7 @@ I32 managerConnectToPort(CONNECT_PARAMS* pcp, U16 portNumber) {
     if (pcp->s < 0)
         return localFailure(LOCAL_NOT_CONNECTED);
 
-    const I32 rc = receiveGreeting(pcp->s);
+    const I32 rc = receiveGreeting(pcp);
     if (rc < 0)
         return rc;
     U8 buffer10[10];
@@ -239,11 +245,13 @@ I32 getServerInfo(CONNECT_PARAMS* pcp) {
     const I32 type = BasicQueryServerType(pcp->s, szVersion);
     pcp->serverType = static_cast<U32>(type);
     if (type < 0) {
-        displayConsoleMessage("Error querying server");
+        displayFailure("Error querying server");
         return -1;
     }
-    if (managerGetMaxData(pcp->s) <= 0)
+    if (managerGetMaxData(pcp->s) <= 0) {
+        noteEnding(ENDING_FAILED, "[%s] gave no data limit", pcp->host);
         return localFailure(LOCAL_GREETING_FAILED);
+    }
     return 0;
 }
 
@@ -281,6 +289,10 @@ I32 managerGetMaxData(I32 s) {
 
 U32 managerFileMaxData() {
     return ManagerDataLimit;
+}
+
+I32 managerReplyResult() {
+    return Reply.Header.Result;
 }
 
 I32 managerDisconnect(I32 s) {

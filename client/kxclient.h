@@ -39,7 +39,7 @@ inline constexpr std::size_t SERVER_VERSION_SIZE = 1024;
 
 // clang-format off
 //     name                              holds                                    written by
-extern const U32 ManagerConnectRetries; // attempts of managerConnectToPort
+extern U32 ManagerConnectRetries;       // attempts of managerConnectToPort, 30   strict_main
 extern U32 ManagerDataLimit;            // most data per read or write, 0: unknown managerGetMaxData
 extern U32 ManagerLocalIP;              // this client's address, in wire order    managerGetInternetAddress
 // clang-format on
@@ -69,6 +69,9 @@ I32 managerQueryServerType(I32 s, char* serverVersion);
 I32 managerGetMaxData(I32 s);
 
 U32 managerFileMaxData();
+
+/// Result of the last whole reply, as it came.
+I32 managerReplyResult();
 
 /// Says goodbye and closes the connection in every case. Returns 0 after a complete reply.
 I32 managerDisconnect(I32 s);

@@ -85,7 +85,7 @@ static int takeCharacter() {
 
 static int refuse(const char* pszCommand, const char* pszWhy, int c) {
     if (iOptErr != 0)
-        printTo(stderr, "%s: %s -- %c\n", pszCommand, pszWhy, c);
+        printMisuse(stderr, "%s: %s -- %c\n", pszCommand, pszWhy, c);
     iOptOpt = c;
     return '?';
 }

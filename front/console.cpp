@@ -1,7 +1,5 @@
 #include "front/console.h"
 
-#include "front/settings.h"
-
 #include <cctype>
 #include <clocale>
 #include <csignal>
@@ -19,16 +17,36 @@ static void endLine() {
     std::fflush(stdout);
 }
 
-void displayConsoleMessage(const char* format, ...) {
+void recordEnding(Ending ending) {
+    if (CommandEnding <= ENDING_DONE && CommandEnding < ending)
+        CommandEnding = ending;
+}
+
+__attribute__((format(printf, 1, 0))) static void displayArguments(const char* format,
+                                                                   va_list args) {
     if (testInfo.fOutputToFile != 0)
         return;
     // Formatted straight into the stream: a message may hold a path longer than any buffer.
-    va_list args;
-    va_start(args, format);
     std::vprintf(format, args);
-    va_end(args);
     endLine();
 }
+
+// C's variable arguments leave no other way to say once what these routines have in common.
+#define DISPLAY_ROUTINE(name, ending)                                                              \
+    void name(const char* format, ...) {                                                           \
+        recordEnding(ending);                                                                      \
+        va_list args;                                                                              \
+        va_start(args, format);                                                                    \
+        displayArguments(format, args);                                                            \
+        va_end(args);                                                                              \
+    }
+DISPLAY_ROUTINE(displayConsoleMessage, ENDING_OPEN)
+DISPLAY_ROUTINE(displaySuccess, ENDING_DONE)
+DISPLAY_ROUTINE(displayMisuse, ENDING_MISUSED)
+DISPLAY_ROUTINE(displayUnreached, ENDING_UNREACHED)
+DISPLAY_ROUTINE(displayFailure, ENDING_FAILED)
+DISPLAY_ROUTINE(displayDeclined, ENDING_DECLINED)
+#undef DISPLAY_ROUTINE
 
 void displayEmptyLine() {
     if (testInfo.fOutputToFile == 0)
@@ -41,11 +59,38 @@ __attribute__((format(printf, 2, 0))) static void printArguments(std::FILE* hf, 
     std::fflush(hf);
 }
 
-void printTo(std::FILE* hf, const char* format, ...) {
+#define PRINT_ROUTINE(name, ending)                                                                \
+    void name(std::FILE* hf, const char* format, ...) {                                            \
+        recordEnding(ending);                                                                      \
+        va_list args;                                                                              \
+        va_start(args, format);                                                                    \
+        printArguments(hf, format, args);                                                          \
+        va_end(args);                                                                              \
+    }
+PRINT_ROUTINE(printTo, ENDING_OPEN)
+PRINT_ROUTINE(printMisuse, ENDING_MISUSED)
+PRINT_ROUTINE(printFailure, ENDING_FAILED)
+#undef PRINT_ROUTINE
+
+void displayProgress(const char* format, ...) {
+    if (fProgress == 0)
+        return;
     va_list args;
     va_start(args, format);
-    printArguments(hf, format, args);
+    printArguments(stderr, format, args);
     va_end(args);
+}
+
+void noteEnding(Ending ending, const char* format, ...) {
+    recordEnding(ending);
+    if (fStrict == 0)
+        return;
+    std::fputs("kxadmin-strict: ", stderr);
+    va_list args;
+    va_start(args, format);
+    printArguments(stderr, format, args);
+    va_end(args);
+    std::fputc('\n', stderr);
 }
 
 void logTempFileMessage(std::FILE* hf, const char* format, ...) {
@@ -62,9 +107,9 @@ void closeTempFile(TestInfo* pti) {
     const bool fClosed = std::fclose(pti->hTempFile) == 0;
     pti->hTempFile = nullptr;
     if (!fWritten)
-        printTo(stderr, "Error writing temporary file %s.\n", pti->szTempFile);
+        printFailure(stderr, "Error writing temporary file %s.\n", pti->szTempFile);
     if (!fClosed)
-        printTo(stderr, "Error closing temporary file %s\n.", pti->szTempFile);
+        printFailure(stderr, "Error closing temporary file %s\n.", pti->szTempFile);
 }
 
 int MBgetch() {
@@ -86,19 +131,19 @@ BOOLEAN confirm(const char* message) {
 
 int isValidNumber(const char* str, int size) {
     if (str == nullptr) {
-        displayConsoleMessage("A numeric value is required.");
+        displayMisuse("A numeric value is required.");
         return -1;
     }
     if (std::strtol(str, nullptr, 10) < 0) {
-        displayConsoleMessage("[%s] must be a positive number.", str);
+        displayMisuse("[%s] must be a positive number.", str);
         return -1;
     }
     if (std::isdigit(static_cast<unsigned char>(str[0])) == 0) {
-        displayConsoleMessage("A numeric value is required.");
+        displayMisuse("A numeric value is required.");
         return -1;
     }
     if (std::strlen(str) > static_cast<std::size_t>(size)) {
-        displayConsoleMessage("[%s] is out of range.", str);
+        displayMisuse("[%s] is out of range.", str);
         return -1;
     }
     return 0;
@@ -138,10 +183,21 @@ void setTerminalEcho(bool fOn) {
     sigprocmask(SIG_SETMASK, &before, nullptr);
 }
 
-void signalHandler(int) {
+void signalHandler(int foo) {
     setTerminalEcho(true);
+    if (fStrict != 0)
+        endBySignal(foo);
     // Not exit, which would flush a stream that the signal may have found in use.
     _exit(1);
+}
+
+void endBySignal(int iSignal) {
+    std::signal(iSignal, SIG_DFL);
+    sigset_t only;
+    sigemptyset(&only);
+    sigaddset(&only, iSignal);
+    sigprocmask(SIG_UNBLOCK, &only, nullptr);
+    std::raise(iSignal);
 }
 
 void restoreEchoOnSignals() {

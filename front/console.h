@@ -4,18 +4,50 @@
 // silent and the report file speaks.
 #pragma once
 
-#include "front/types.h"
+#include "front/settings.h"
 
-/// Prints one message and a line feed on standard output and flushes it; nothing in file mode.
-/// The message is printed whole however long it is.
+// The messages. Each prints one message and a line feed on standard output and flushes it; nothing
+// in file mode. The message is printed whole however long it is. The routine says what the message
+// means for the way the command ends, which recordEnding then knows, in file mode too.
+
+/// A message on the way, or one behind another that has told how the command ends.
 void displayConsoleMessage(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+/// The command has done its work.
+void displaySuccess(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+/// The command line holds what cannot be used.
+void displayMisuse(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+/// A server was not reached.
+void displayUnreached(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+/// Something that the command needs was refused or has failed.
+void displayFailure(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+/// The administrator has declined.
+void displayDeclined(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 /// Prints an empty line as a message.
 void displayEmptyLine();
 
 /// Prints on `hf` and flushes it, adding no line feed; file mode does not silence it. Write errors
-/// stay in the stream for whoever closes it.
+/// stay in the stream for whoever closes it. printMisuse and printFailure are to this what
+/// displayMisuse and displayFailure are to displayConsoleMessage.
 void printTo(std::FILE* hf, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void printMisuse(std::FILE* hf, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void printFailure(std::FILE* hf, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+/// Prints on standard error, adding no line feed, what the next progress overwrites; nothing where
+/// progress is not wanted.
+void displayProgress(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+/// Records how the command ends: the first failure stays, and makes up for any success.
+void recordEnding(Ending ending);
+
+/// Records an ending of which kxadmin's messages say nothing, or the contrary. kxadmin-strict says
+/// it in a line on standard error, behind its name.
+void noteEnding(Ending ending, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 /// Writes to the report file `hf` and flushes it, adding no line feed; nothing outside file mode.
 /// Write errors stay in the stream for whoever closes it.
@@ -47,8 +79,11 @@ void displayCodePage();
 /// Switches the terminal's echo with stty, which complains where standard input is no terminal.
 void setTerminalEcho(bool fOn);
 
-/// Restores the terminal's echo and ends the process with status 1.
+/// Restores the terminal's echo and ends the process with status 1, kxadmin-strict by the signal.
 [[noreturn]] void signalHandler(int foo);
+
+/// Ends the process by the signal, or returns where it does not end a process.
+void endBySignal(int iSignal);
 
 /// Installs signalHandler for the signals that end a prompt, for the rest of the process.
 void restoreEchoOnSignals();

@@ -54,7 +54,7 @@ I32 processOperation(int argc, char** argv) {
             return SHOW_USAGE;
         return processCommandLine(argc - 1, argv + 1, command.operation);
     }
-    displayConsoleMessage("Unrecognized command option [%s].", arg);
+    displayMisuse("Unrecognized command option [%s].", arg);
     return SHOW_USAGE;
 }
 

@@ -6,6 +6,16 @@
 
 inline constexpr U16 DEFAULT_PORT = 4800;
 
+/// How a command ended; from 0 on the exit status of kxadmin-strict.
+enum Ending : int {
+    ENDING_OPEN = -1,     ///< nothing has been done or said yet: a failure if it stays so
+    ENDING_DONE = 0,      ///< the command has done its work
+    ENDING_MISUSED = 1,   ///< the command line was not understood, or holds what cannot be used
+    ENDING_UNREACHED = 2, ///< no connection to a server, or none that it wants to serve
+    ENDING_FAILED = 3,    ///< refused or failed
+    ENDING_DECLINED = 4,  ///< the administrator answered no, or not at all
+};
+
 extern const char* const LocalHost; // host of a command that names none
 extern const char* const Separator; // the line of 78 "=" around a server text
 
@@ -21,6 +31,14 @@ extern int fBypassFreeSpaceChecking;            // -b or -Z 99                  
 extern int fBypassActiveConnectionPrompting;    // -Z 100                        options          stop
 extern U32 ServerType;                          // type of cp's server           options          ops, stop
 extern I32 LogLevel;                            // level last set in this run    server_options   server_options
+extern Ending CommandEnding;                    // how the command ended         recordEnding     strict_main
+extern int EndingSignal;                        // that interrupted copy -f, 0   platform         process
+// What kxadmin-strict is asked for; in kxadmin each keeps its initial value.
+extern int fStrict;                             // 1: this is kxadmin-strict     strict_main      console, client, ops
+extern int fProgress;                           // 0: no progress, no retries    strict_main      console
+extern int fVerify;                             // --verify                      strict_main      options, copy
+extern const char* PasswordFile;                // --password-file, or null      strict_main      options
+extern int TimeoutAttempts;                     // at a host that is silent      strict_main      socket
 // clang-format on
 
 /// Access modes, of every file opened to be read or probed and of every file opened to be written;

@@ -1,5 +1,7 @@
 #include "net/socket.h"
 
+#include "front/settings.h"
+
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdio>
@@ -58,7 +60,7 @@ I32 socketConnectToHost(const char* host, U32 port) {
         return SOCKET_HOST_UNKNOWN;
 
     I32 s = SOCKET_NOT_CONNECTED;
-    for (int i = 0; i < SOCKET_CONNECT_ATTEMPTS; ++i) {
+    for (int i = 0; i < TimeoutAttempts; ++i) {
         s = connectOnce(address);
         if (s != SOCKET_NOT_CONNECTED || errno != ETIMEDOUT)
             break;

@@ -14,9 +14,6 @@ inline constexpr I32 SOCKET_NOT_CREATED = -1;
 inline constexpr I32 SOCKET_NOT_CONNECTED = -2;
 inline constexpr I32 SOCKET_HOST_UNKNOWN = -4;
 
-/// Attempts of one socketConnectToHost, all spent only when each of them times out.
-inline constexpr int SOCKET_CONNECT_ATTEMPTS = 30;
-
 /// Send and receive buffer of every connection that the client makes, in bytes.
 inline constexpr int SOCKET_BUFFER_SIZE = 12288;
 
@@ -27,7 +24,8 @@ I32 socketInitialize();
 /// our messages, and read for what is typed.
 void socketSpareStandardStreams();
 
-/// Connects to `host`, a dotted address or a name to look up, at the low 16 bits of `port`.
+/// Connects to `host`, a dotted address or a name to look up, at the low 16 bits of `port`. An
+/// attempt that times out is followed by another, TimeoutAttempts in all.
 /// Returns the descriptor of a blocking socket with keep-alive and SOCKET_BUFFER_SIZE buffers that
 /// a child process does not inherit, or one of the three failures above.
 I32 socketConnectToHost(const char* host, U32 port);

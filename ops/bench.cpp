@@ -22,7 +22,7 @@ static constexpr int PASSES = 8;
 static bool openScratch(I32 s) {
     if (managerFileOpen(Manager, KXSRVWriteMode, s) >= 0)
         return true;
-    displayConsoleMessage("Error opening repository.");
+    displayFailure("Error opening repository.");
     return false;
 }
 
@@ -34,7 +34,7 @@ static std::FILE* openResults(const char* benchLog) {
             printTo(stderr, "open: %s\n", std::strerror(errno));
     }
     if (hf == nullptr) {
-        displayConsoleMessage("Error creating log file.");
+        displayFailure("Error creating log file.");
         displayConsoleMessage("Please check path.");
     }
     return hf;
@@ -45,7 +45,7 @@ static void closeResults(std::FILE* hf, const char* benchLog) {
     const bool fWritten = std::ferror(hf) == 0;
     const bool fClosed = std::fclose(hf) == 0;
     if (!fWritten || !fClosed)
-        printTo(stderr, "Error writing log file %s.\n", benchLog);
+        printFailure(stderr, "Error writing log file %s.\n", benchLog);
 }
 
 static void writeScratch(I32 s) {
@@ -72,7 +72,7 @@ static bool readPass(I32 s, U32 offset, U32 size, U32 SweepSize) {
         const U32 amount = std::min(size, SweepSize - previous);
         const I32 n = managerFileRead(s, offset, readBuffer, amount, 0);
         if (n <= 0) {
-            displayConsoleMessage("Error reading source repository.");
+            displayFailure("Error reading source repository.");
             return false;
         }
         asked += amount;
@@ -113,7 +113,7 @@ static bool writeAndMeasure(I32 s, U32 SweepSize, I32 largestChunkSize, std::FIL
 
 static void benchKXSRV(I32 s, U32 SweepSize, I32 largestChunkSize, const char* benchLog) {
     if (managerFileCreate(Manager, s) != 0) {
-        displayConsoleMessage("Error creating repository.");
+        displayFailure("Error creating repository.");
         return;
     }
     if (!openScratch(s))
@@ -126,7 +126,7 @@ static void benchKXSRV(I32 s, U32 SweepSize, I32 largestChunkSize, const char* b
     if (writeAndMeasure(s, SweepSize, largestChunkSize, hf)) {
         managerFileClose(s);
         displayConsoleMessage("\nBench test finished.");
-        displayConsoleMessage("\nResults have been written to [%s].", benchLog);
+        displaySuccess("\nResults have been written to [%s].", benchLog);
     }
     closeResults(hf, benchLog);
 }

@@ -18,22 +18,22 @@ static void getStats(CONNECT_PARAMS* pcp) {
     static GETSTATS_BUFFER stats;
     openFrame();
     if (managerGetKXSRVStats(pcp->s, stats.pszStatsBuffer) != 0) {
-        displayConsoleMessage("Failed receiving statistics.");
+        displayFailure("Failed receiving statistics.");
         return;
     }
     printText(stats);
-    displayConsoleMessage("%s", Separator);
+    displaySuccess("%s", Separator);
 }
 
 static void getList(CONNECT_PARAMS* pcp) {
     static GETSTATS_BUFFER connInfo;
     openFrame();
     if (managerGetConnectionList(pcp->s, connInfo.pszStatsBuffer) < 0) {
-        displayConsoleMessage("Could not get connection list on %s.", pcp->host);
+        displayFailure("Could not get connection list on %s.", pcp->host);
         return;
     }
     printText(connInfo);
-    displayConsoleMessage("%s", Separator);
+    displaySuccess("%s", Separator);
 }
 
 /// A text about one connection, `pszWhat` in the message when there is none.
@@ -41,12 +41,13 @@ static void getConnText(I32 s, U32 conn, I32 (*request)(I32, U32, char*), const 
     openFrame();
     static GETSTATS_BUFFER connInfo;
     if (request(s, conn, connInfo.pszStatsBuffer) != 0) {
-        displayConsoleMessage("Connection %d is not active, could not get %s.",
-                              static_cast<int>(conn), pszWhat);
+        displayFailure("Connection %d is not active, could not get %s.", static_cast<int>(conn),
+                       pszWhat);
         return;
     }
     printText(connInfo);
     displayEmptyLine();
+    recordEnding(ENDING_DONE);
 }
 
 static void getConnStats(I32 s, U32 conn) {

@@ -4,9 +4,12 @@
 #include "front/console.h"
 #include "front/settings.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <iterator>
+#include <sys/stat.h>
 #include <unistd.h>
 
 I32 connectToKxsrv(CONNECT_PARAMS* pcp) {
@@ -16,49 +19,97 @@ I32 connectToKxsrv(CONNECT_PARAMS* pcp) {
     else
         managerConnectToPort(pcp, KXSRVPort);
     if (pcp->s < 0) {
-        displayConsoleMessage("Unable to connecto to KXSRV at [%s] or IP Address is unkown.",
-                              pcp->host);
+        displayUnreached("Unable to connecto to KXSRV at [%s] or IP Address is unkown.", pcp->host);
         return -1;
     }
     return 0;
 }
 
-/// Reads one line of standard input whole and keeps of it what `junk` holds; returns how much that
-/// is. It reads byte by byte so that neither the line nor what follows it stays in a stream's
-/// buffer.
-static std::size_t readLine(char (&junk)[512]) {
+/// Reads one line whole and keeps of it what `junk` holds; its length is how much that is. False
+/// when there is none. It reads byte by byte so that neither the line nor what follows it stays in
+/// a stream's buffer.
+static bool readLine(int fd, char (&junk)[512], std::size_t* pLength) {
     std::size_t length = 0;
-    for (char c; read(STDIN_FILENO, &c, 1) == 1 && c != '\n';)
+    char c = '\0';
+    while (read(fd, &c, 1) == 1 && c != '\n')
         if (length < sizeof junk)
             junk[length++] = c;
-    return length;
+    *pLength = length;
+    return length != 0 || c == '\n';
 }
 
-/// Asks for the password with the terminal's echo off, and stores it. Returns the length of what
-/// was typed, which may be more than a password can have.
-static U32 promptForPassword(PasswordStruct* passwd) {
+/// Asks for the password with the terminal's echo off, and stores it. The length is that of what
+/// was typed, which may be more than a password can have; false when the input has ended.
+static bool promptForPassword(PasswordStruct* passwd, std::size_t* pLength) {
     restoreEchoOnSignals();
     if (ServerType == SERVER_TYPE_KXSRV || ServerType == SERVER_TYPE_PXSRV)
         printTo(stdout, "Enter the password for the account used to start %s: ",
                 ServerType == SERVER_TYPE_KXSRV ? "KXSRV " : "PXSRV ");
     setTerminalEcho(false);
     char junk[512];
-    const std::size_t length = textLength(junk, readLine(junk)); // a password ends at a NUL
-    storeCutText(passwd->name, junk, length);
+    std::size_t lineLength;
+    const bool fAnswered = readLine(STDIN_FILENO, junk, &lineLength);
+    *pLength = textLength(junk, lineLength); // a password ends at a NUL
+    storeCutText(passwd->name, junk, *pLength);
     explicit_bzero(junk, sizeof junk);
     printTo(stdout, "\n\n");
     setTerminalEcho(true);
-    return static_cast<U32>(length);
+    return fAnswered;
+}
+
+/// Opens the file of a password that nobody else can read or change; -1 after a message.
+static int openPasswordFile(const char* pszFile) {
+    if (std::strcmp(pszFile, "-") == 0)
+        return STDIN_FILENO;
+    const int fd = open(pszFile, O_RDONLY | O_CLOEXEC);
+    struct stat status;
+    if (fd < 0 || fstat(fd, &status) != 0) {
+        noteEnding(ENDING_MISUSED, "password file %s: %s", pszFile, std::strerror(errno));
+    } else if (S_ISDIR(status.st_mode)) {
+        noteEnding(ENDING_MISUSED, "password file %s: %s", pszFile, std::strerror(EISDIR));
+    } else if ((status.st_mode & S_IRWXO) != 0 && !S_ISCHR(status.st_mode)) {
+        noteEnding(ENDING_MISUSED, "password file %s: others may read or change it", pszFile);
+    } else {
+        return fd;
+    }
+    if (fd >= 0)
+        close(fd);
+    return -1;
+}
+
+I32 readPasswordFile(const char* pszFile, PasswordStruct* passwd) {
+    const int fd = openPasswordFile(pszFile);
+    if (fd < 0)
+        return -1;
+    char junk[512];
+    std::size_t length;
+    readLine(fd, junk, &length);
+    if (fd != STDIN_FILENO)
+        close(fd);
+    const bool fUsable =
+        length != 0 && length <= MAX_PASSWORD && textLength(junk, length) == length;
+    if (fUsable)
+        storeCutText(passwd->name, junk, length);
+    else
+        noteEnding(ENDING_MISUSED, "password file %s: its first line is %s", pszFile,
+                   length == 0             ? "empty"
+                   : length > MAX_PASSWORD ? "too long for a password"
+                                           : "no text");
+    explicit_bzero(junk, sizeof junk);
+    return fUsable ? 0 : -1;
 }
 
 I32 verifyPassword(CONNECT_PARAMS* pcp, PasswordStruct* passwd) {
     const bool fGiven = passwd->name[0] != '\0' || passwd->noPassword == 1;
-    const U32 u32Length =
-        fGiven ? static_cast<U32>(std::strlen(passwd->name)) : promptForPassword(passwd);
-    const I32 rc = managerVerifyPassword(pcp->s, "", 0, passwd->name, u32Length);
+    std::size_t length = std::strlen(passwd->name);
+    if (!fGiven && !promptForPassword(passwd, &length) && fStrict != 0) {
+        noteEnding(ENDING_DECLINED, "no password was given");
+        return -1;
+    }
+    const I32 rc = managerVerifyPassword(pcp->s, "", 0, passwd->name, static_cast<U32>(length));
     explicit_bzero(passwd->name, sizeof passwd->name);
     if (rc != 0) {
-        displayConsoleMessage("Password is invalid.");
+        displayFailure("Password is invalid.");
         return -1;
     }
     return 0;

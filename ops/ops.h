@@ -11,9 +11,14 @@
 /// message. The greeting may have failed all the same, which the next request then finds.
 I32 connectToKxsrv(CONNECT_PARAMS* pcp);
 
+/// Takes the first line of the file, or of standard input for "-", as the password. 0, or -1 after
+/// a message: others may read the file, or its line is empty, too long or holds a NUL.
+I32 readPasswordFile(const char* pszFile, PasswordStruct* passwd);
+
 /// Proves the administrator's right to the server: with the password of `passwd`, or else with one
-/// typed at a prompt that does not echo. 0 when the server accepts it, -1 after a message. The one
-/// check of a run: the password is wiped then.
+/// typed at a prompt that does not echo. 0 when the server accepts it, -1 after a message. At the
+/// end of input kxadmin sends the empty password, kxadmin-strict none. The one check of a run: the
+/// password is wiped then.
 I32 verifyPassword(CONNECT_PARAMS* pcp, PasswordStruct* passwd);
 
 /// Name of logging level `ul`; a level without a name is its number in two columns, valid until

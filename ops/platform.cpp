@@ -5,21 +5,126 @@
 #include "front/settings.h"
 #include "ops/source_lock.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-/// Runs the command with two signals at their defaults: we ignore SIGPIPE, but the command must not
-/// outlive its reader, and where we have inherited SIGCHLD ignored, its status would be lost.
+// The limit of core dumps that we were started with, for the system command.
+static rlimit coreLimit = {RLIM_INFINITY, RLIM_INFINITY};
+
+void leaveNoCore() {
+    if (getrlimit(RLIMIT_CORE, &coreLimit) != 0)
+        return;
+    // One byte, not none: a limit of 0 does not keep the kernel from handing the dump to a program
+    // that collects them. Who has set it to 0 has left that to the collector.
+    rlimit limit = coreLimit;
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_cur, 1);
+    setrlimit(RLIMIT_CORE, &limit);
+}
+
+/// What must not end us while the command runs, unless it was ignored when we were started: the
+/// lock would go before the command has.
+static sigset_t interruptions() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int iSignal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
+        struct sigaction action;
+        if (sigaction(iSignal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
+            sigaddset(&signals, iSignal);
+    }
+    return signals;
+}
+
+/// In the child: becomes the command, in the state that we were started in.
+[[noreturn]] static void becomeCommand(const char* szCmd, const sigset_t& signals) {
+    std::signal(SIGPIPE, SIG_DFL); // which we ignore, but the command must not outlive its reader
+    setrlimit(RLIMIT_CORE, &coreLimit);
+    sigprocmask(SIG_SETMASK, &signals, nullptr);
+    execl("/bin/sh", "sh", "-c", szCmd, nullptr);
+    _exit(127);
+}
+
+/// Appends the children of `parent` to the `*pCount` processes, as long as there is room.
+template<std::size_t N>
+static void addChildren(pid_t parent, pid_t (&family)[N], std::size_t* pCount) {
+    char szPath[64];
+    std::snprintf(szPath, sizeof szPath, "/proc/%d/task/%d/children", parent, parent);
+    std::FILE* const hf = std::fopen(szPath, "re");
+    if (hf == nullptr)
+        return;
+    while (*pCount < N && std::fscanf(hf, "%d", &family[*pCount]) == 1)
+        ++*pCount;
+    std::fclose(hf);
+}
+
+/// Passes the signal on to all that we have started and that these have, since a shell that waits
+/// does not; to parents first, which could otherwise start the next thing.
+static void signalDescendants(int iSignal) {
+    static pid_t family[1024];
+    family[0] = getpid();
+    std::size_t count = 1;
+    for (std::size_t i = 0; i < count; ++i)
+        addChildren(family[i], family, &count);
+    for (std::size_t i = 1; i < count; ++i)
+        kill(family[i], iSignal);
+}
+
+/// Waits for the command, whose interruptions and SIGCHLD are in `signals`, and passes those on
+/// that the terminal has not sent to it as well. After one it waits for what the command has
+/// started and left behind, too. Returns the command's status.
+static int awaitCommand(pid_t command, const sigset_t& signals) {
+    int status = -1;
+    for (bool fEnded = false;;) {
+        int ended;
+        pid_t pid;
+        while ((pid = waitpid(-1, &ended, WNOHANG)) > 0)
+            if (pid == command) {
+                status = ended;
+                fEnded = true;
+            }
+        if (fEnded && (EndingSignal == 0 || pid < 0))
+            return status;
+        siginfo_t info;
+        const int iSignal = sigwaitinfo(&signals, &info);
+        if (iSignal <= 0 || iSignal == SIGCHLD)
+            continue;
+        EndingSignal = iSignal;
+        if (info.si_code <= 0)
+            signalDescendants(iSignal);
+    }
+}
+
+/// As system(), of which it differs by what it does with signals: one that would end us meanwhile
+/// is passed on to the command and recorded in EndingSignal.
 static int runCommand(const char* szCmd) {
-    const auto pipeBefore = std::signal(SIGPIPE, SIG_DFL);
+    sigset_t signals = interruptions();
+    sigaddset(&signals, SIGCHLD);
+    sigset_t before;
+    sigprocmask(SIG_BLOCK, &signals, &before);
+    // Where we have inherited it ignored, the command's status would be lost.
     const auto childBefore = std::signal(SIGCHLD, SIG_DFL);
-    const int rc = std::system(szCmd);
+    prctl(PR_SET_CHILD_SUBREAPER, 1); // what a killed shell leaves behind comes to us
+    const pid_t command = fork();
+    if (command == 0)
+        becomeCommand(szCmd, before);
+    const int rc = command < 0 ? -1 : awaitCommand(command, signals);
     std::signal(SIGCHLD, childBefore);
-    std::signal(SIGPIPE, pipeBefore);
+    sigprocmask(SIG_SETMASK, &before, nullptr);
     return rc;
+}
+
+static void noteFailedCommand(int rc) {
+    if (rc == -1)
+        noteEnding(ENDING_FAILED, "the system command could not be started");
+    else if (WIFSIGNALED(rc))
+        noteEnding(ENDING_FAILED, "the system command was ended by signal %d", WTERMSIG(rc));
+    else
+        noteEnding(ENDING_FAILED, "the system command failed with status %d", WEXITSTATUS(rc));
 }
 
 I32 copyViaOS(CONNECT_PARAMS* pcp, CopyParams* cP) {
@@ -33,27 +138,32 @@ I32 copyViaOS(CONNECT_PARAMS* pcp, CopyParams* cP) {
     static char szCmd[SYSTEM_COMMAND_SIZE + PATH_SIZE + PATH_SIZE];
     if (std::strlen(pszCommand) + std::strlen(pszSource) + std::strlen(pszDest) + 3 >
         sizeof szCmd) {
-        displayConsoleMessage("System copy command line is too long.");
+        displayMisuse("System copy command line is too long.");
         return 1;
     }
     std::snprintf(szCmd, sizeof szCmd, "%s %s %s", pszCommand, pszSource, pszDest);
     if (managerFileOpen(pszSource, KXSRVSourceOpenMode, pcp->s) < 0) {
-        displayConsoleMessage("Source path invalid or inaccessible.");
+        displayFailure("Source path invalid or inaccessible.");
         return 1;
     }
     I32 rc = lockSourceHeader(pcp->s);
     if (rc != 0) {
-        displayConsoleMessage("Unable to lock source repository, system copy aborted.");
+        displayFailure("Unable to lock source repository, system copy aborted.");
         return rc;
     }
     rc = runCommand(szCmd);
     if (unlockSourceHeader(pcp->s) != 0)
-        displayConsoleMessage("Error unlocking source repository.");
+        displayFailure("Error unlocking source repository.");
     managerFileClose(pcp->s);
-    if (rc == 0 && Quiet == 0)
+    if (rc != 0) {
+        noteFailedCommand(rc);
+        return rc;
+    }
+    recordEnding(ENDING_DONE);
+    if (Quiet == 0)
         displayConsoleMessage("\nRepository %s copied to %s using system command '%s'.", pszSource,
                               pszDest, pszCommand);
-    return rc;
+    return 0;
 }
 
 /// A stream on the open file, which is closed when there can be none; null for a failed open too.

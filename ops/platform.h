@@ -1,11 +1,17 @@
-// What depends on the operating system: the system copy command and the creation of local files.
+// What depends on the operating system: the system copy command, the limit of core dumps, and the
+// creation of local files.
 #pragma once
 
 #include "front/types.h"
 
+/// Keeps the process from leaving a core dump, which would hold the password if one was given. The
+/// system copy command gets the limit back that was there before.
+void leaveNoCore();
+
 /// Copies by the administrator's command, run here while the source is locked on its server.
 /// Returns the command's status, also when the unlock after it failed; 1 when the command line is
-/// too long or the source cannot be opened, -1 when it cannot be locked.
+/// too long or the source cannot be opened, -1 when it cannot be locked. A signal that would end
+/// the process meanwhile goes to the command, whose end is awaited, and then into EndingSignal.
 I32 copyViaOS(CONNECT_PARAMS* pcp, CopyParams* cP);
 
 /// Creates the report file, or empties an existing one and says so; null when neither can be done.

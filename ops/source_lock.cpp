@@ -14,8 +14,7 @@ static constexpr U32 MOST_UNITS = 0x40000000;
 
 static constexpr I32 RETRY = 1; // result of an attempt, beside 0 and -1
 
-/// End of file in units of 16 bytes; false when the server does not say.
-static bool getUnits(I32 s, U32* pUnits) {
+bool getUnits(I32 s, U32* pUnits) {
     U8 eof[4];
     if (manager16GbFileGetEOF(s, eof) != 0)
         return false;
@@ -37,11 +36,11 @@ static void recordLock(U32 high, U32 low) {
 static I32 tryLock(I32 s) {
     U32 units;
     if (!getUnits(s, &units)) {
-        displayConsoleMessage("Failed checking repository EOF.");
+        displayFailure("Failed checking repository EOF.");
         return -1;
     }
     if (units > MOST_UNITS) {
-        displayConsoleMessage("Repository greater than 16 GB.");
+        displayFailure("Repository greater than 16 GB.");
         return -1;
     }
     const U32 high = units >> 28;
@@ -53,14 +52,14 @@ static I32 tryLock(I32 s) {
         return RETRY;
     }
     if (rc != 0) {
-        displayConsoleMessage("Failed getting lock.");
+        displayFailure("Failed getting lock.");
         displayConsoleMessage("Repository file is locked by another process.");
         return -1;
     }
 
     U32 unitsLocked;
     if (!getUnits(s, &unitsLocked)) {
-        displayConsoleMessage("Failed checking repository EOF.");
+        displayFailure("Failed checking repository EOF.");
         return -1;
     }
     if (unitsLocked == units) {
@@ -68,7 +67,7 @@ static I32 tryLock(I32 s) {
         return 0;
     }
     if (managerFile16GbLargeUnlock(s, 0, 0, high, low) != 0) {
-        displayConsoleMessage("Attempt to unlock repository failed.");
+        displayFailure("Attempt to unlock repository failed.");
         return -1;
     }
     sleep(1);
@@ -90,7 +89,7 @@ I32 unlockSourceHeader(I32 s) {
     if (Quiet == 0)
         displayConsoleMessage("\nUnlocking source.");
     if (managerFile16GbLargeUnlock(s, 0, 0, highLockLength, lowLockLength) != 0) {
-        displayConsoleMessage("Attempt to unlock repository failed.");
+        displayFailure("Attempt to unlock repository failed.");
         return -1;
     }
     return 0;
@@ -99,13 +98,13 @@ I32 unlockSourceHeader(I32 s) {
 I32 checkDestSpace(I32 s, I32 d, const char* dest) {
     U32 units;
     if (!getUnits(s, &units)) {
-        displayConsoleMessage("Failed checking repository file size.");
+        displayFailure("Failed checking repository file size.");
         return -1;
     }
     U32 freeBlocks;
     U32 bytesPerBlock;
     if (managerFileGetVolSpace(d, dest, &freeBlocks, &bytesPerBlock) < 0) {
-        displayConsoleMessage("Failed checking volume space.");
+        displayFailure("Failed checking volume space.");
         return -1;
     }
     // Blocks smaller than a unit are counted by 16: none of them would hold a whole unit.
@@ -122,5 +121,8 @@ I32 checkDestSpace(I32 s, I32 d, const char* dest) {
     displayEmptyLine();
     if (Quiet != 0)
         return 0;
-    return confirm("Do you wish to continue") != 0 ? 0 : -1;
+    if (confirm("Do you wish to continue") != 0)
+        return 0;
+    recordEnding(ENDING_DECLINED);
+    return -1;
 }

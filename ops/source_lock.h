@@ -10,6 +10,12 @@
 extern U32 highLockLength;
 extern U32 lowLockLength;
 
+/// Bytes of the units in which a server counts the length of a file.
+inline constexpr U32 UNIT_SIZE = 16;
+
+/// End of file in those units; false when the server does not say.
+bool getUnits(I32 s, U32* pUnits);
+
 /// Locks the whole file, waiting a second at a time while another process holds a lock or changes
 /// its size. 0, or -1 after a message.
 I32 lockSourceHeader(I32 s);

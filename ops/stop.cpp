@@ -5,9 +5,9 @@
 
 static void sendKill(CONNECT_PARAMS* pcp, int connNum) {
     if (managerKillConnection(pcp->s, static_cast<U32>(connNum)) == 0)
-        displayConsoleMessage("Connection %d on host %s killed.", connNum, pcp->host);
+        displaySuccess("Connection %d on host %s killed.", connNum, pcp->host);
     else
-        displayConsoleMessage("Connection %d is not active on host %s.", connNum, pcp->host);
+        displayFailure("Connection %d is not active on host %s.", connNum, pcp->host);
 }
 
 /// Whether the server may be stopped with the connections that it has.
@@ -31,11 +31,17 @@ static bool mayStop(CONNECT_PARAMS* pcp) {
 /// 1 when the stop request was sent, 0 when the administrator declined.
 static BOOL sendStop(CONNECT_PARAMS* pcp) {
     if (!mayStop(pcp)) {
-        displayConsoleMessage("\nStop cancelled.");
+        displayDeclined("\nStop cancelled.");
         return 0;
     }
-    managerStopServer(pcp->s);
+    const I32 rc = managerStopServer(pcp->s);
     displayConsoleMessage("\nServer has been scheduled to stop.");
+    if (rc < 0)
+        noteEnding(ENDING_FAILED, "[%s] did not answer the request to stop", pcp->host);
+    else if (managerReplyResult() != 0)
+        noteEnding(ENDING_FAILED, "[%s] refused to stop (%d)", pcp->host, managerReplyResult());
+    else
+        recordEnding(ENDING_DONE);
     return 1;
 }
 
@@ -43,7 +49,7 @@ I32 OperationStop(CONNECT_PARAMS* pcp, int killconn, PasswordStruct* passwd) {
     if (verifyPassword(pcp, passwd) != 0)
         return 0;
     if (killconn >= 0 && ServerType == SERVER_TYPE_PXSRV)
-        displayConsoleMessage("PXSRV command STOP -k is not supported.");
+        displayFailure("PXSRV command STOP -k is not supported.");
     else if (killconn >= 0)
         sendKill(pcp, killconn);
     else if (sendStop(pcp) != 0)

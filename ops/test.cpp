@@ -11,7 +11,7 @@ static constexpr U8 VERSION_16GB = 6;
 
 namespace {
 
-enum Outcome {
+enum Verdict {
     VALID_1GB,
     VALID_16GB,
     OPEN_NOT_FOUND,
@@ -66,14 +66,19 @@ static constexpr Report reports[] = {
 
 static_assert(std::size(reports) == OPEN_FAILED + 1);
 
+static bool isValid(Verdict verdict) {
+    return verdict == VALID_1GB || verdict == VALID_16GB;
+}
+
 // The formats are the rows above, and all of them take what these calls give.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 
-/// Reports the outcome in the file or on the console; `iNumber` is the version or the open's
+/// Reports the verdict in the file or on the console; `iNumber` is the version or the open's
 /// result.
-static void report(Outcome outcome, const CONNECT_PARAMS* pcp, const TestInfo* pti, int iNumber) {
-    const Report& row = reports[outcome];
+static void report(Verdict verdict, const CONNECT_PARAMS* pcp, const TestInfo* pti, int iNumber) {
+    const Report& row = reports[verdict];
+    recordEnding(isValid(verdict) ? ENDING_DONE : ENDING_FAILED);
     logTempFileMessage(pti->hTempFile, "%d\n", row.iCode);
     if (row.fInFile) {
         logTempFileMessage(pti->hTempFile, row.pszFormat, pcp->host, pti->szTestRep, iNumber);
@@ -90,7 +95,7 @@ static bool hasCheckPattern(const U8* pHeader) {
     return std::memcmp(pHeader, checkPattern, sizeof checkPattern) == 0;
 }
 
-static Outcome outcomeOfOpen(I32 rc) {
+static Verdict verdictOfOpen(I32 rc) {
     switch (rc) {
     case SERVER_NOT_FOUND: return OPEN_NOT_FOUND;
     case SERVER_ACCESS_DENIED:
@@ -100,7 +105,7 @@ static Outcome outcomeOfOpen(I32 rc) {
 }
 
 /// Reads the header of the open file, takes its version, and judges both.
-static Outcome testHeader(I32 s, TestInfo* pti) {
+static Verdict testHeader(I32 s, TestInfo* pti) {
     static U8 buf[HEADER_SIZE];
     const I32 n = managerFileRead(s, 0, buf, sizeof buf, 0);
     if (n == SERVER_ACCESS_DENIED || n == SERVER_RANGE_LOCKED)
@@ -122,20 +127,20 @@ static Outcome testHeader(I32 s, TestInfo* pti) {
 static I32 validateTestRep(CONNECT_PARAMS* pcp, TestInfo* pti) {
     const I32 rc = managerFileOpen(pti->szTestRep, KXSRVSourceOpenMode, pcp->s);
     if (rc < 0) {
-        report(outcomeOfOpen(rc), pcp, pti, rc);
+        report(verdictOfOpen(rc), pcp, pti, rc);
         return -1;
     }
-    const Outcome outcome = testHeader(pcp->s, pti);
-    const bool fValid = outcome == VALID_1GB || outcome == VALID_16GB;
+    const Verdict verdict = testHeader(pcp->s, pti);
+    const bool fValid = isValid(verdict);
     if (!fValid)
-        report(outcome, pcp, pti, pti->u8RepVersion);
+        report(verdict, pcp, pti, pti->u8RepVersion);
     managerFileClose(pcp->s);
     return fValid ? 0 : -1;
 }
 
 I32 OperationTest(CONNECT_PARAMS* pcp, TestInfo* pti) {
     if (pcp->serverType == SERVER_TYPE_PXSRV) {
-        displayConsoleMessage("PXSRV does not support KXADMIN Test.");
+        displayFailure("PXSRV does not support KXADMIN Test.");
         return -1;
     }
     if (validateTestRep(pcp, pti) == 0)
@@ -150,11 +155,11 @@ I32 OperationTest(CONNECT_PARAMS* pcp, TestInfo* pti) {
 static bool looksLikeRepository(I32 s) {
     U8 buf[256];
     if (managerFileRead(s, 0, buf, sizeof buf, 0) != sizeof buf) {
-        displayConsoleMessage("Error reading source repository.");
+        displayFailure("Error reading source repository.");
         return false;
     }
     if (!hasCheckPattern(buf)) {
-        displayConsoleMessage("Source file not a valid repository.");
+        displayFailure("Source file not a valid repository.");
         return false;
     }
     return true;
@@ -163,7 +168,7 @@ static bool looksLikeRepository(I32 s) {
 I32 validateSource(CONNECT_PARAMS* pcp, const char* path) {
     I32 rc = 0;
     if (managerFileOpen(path, KXSRVSourceOpenMode, pcp->s) < 0) {
-        displayConsoleMessage("Source path invalid or inaccessible.");
+        displayFailure("Source path invalid or inaccessible.");
         rc = -1;
     } else if (!looksLikeRepository(pcp->s)) {
         rc = -1;

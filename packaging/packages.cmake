@@ -32,7 +32,7 @@ foreach(component kxadmin kxsandbox)
           COMPONENT ${component})
 endforeach()
 
-install(PROGRAMS tools/kxadmin-strict DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT kxadmin)
+install(TARGETS kxadmin-strict DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT kxadmin)
 install_link(kxadmin.1.gz kxadmin-strict.1.gz ${CMAKE_INSTALL_MANDIR}/man1)
 
 set(BASH_COMPLETIONS ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)

@@ -5,14 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/need.sh
-need g++ clang clang-format clang-tidy cppcheck cmake make libgtest-dev binutils mandoc mawk gawk
-
-# The tests of the releases and of the sanitizers take another awk each, for kxadmin-strict.
-use_awk() {
-    mkdir -p build/awk
-    ln -sf "$(command -v "$1")" build/awk/awk
-}
-PATH=$PWD/build/awk:$PATH
+need g++ clang clang-format clang-tidy cppcheck cmake make libgtest-dev binutils mandoc tshark
 
 echo "== Format"
 find front net client ops sandbox bench tests fuzz -name '*.cpp' -o -name '*.h' | sort |
@@ -24,7 +17,6 @@ cmake --preset release >/dev/null
 cmake --build --preset release --parallel "$(nproc)" --target all bare
 cmake --preset clang >/dev/null
 cmake --build --preset clang --parallel "$(nproc)" --target all bare
-use_awk gawk
 ctest --test-dir build --quiet --no-tests=error --parallel 8
 # The sanitizers hide what is left on a stack, so the password is looked for in a release.
 ctest --test-dir build-clang --quiet --no-tests=error -R '^(Hardened$|Secret[.])'
@@ -42,5 +34,4 @@ find front net client ops sandbox bench -name '*.cpp' -print0 |
 echo "== GCC with address and undefined behaviour sanitizers"
 cmake --preset sanitize >/dev/null
 cmake --build --preset sanitize --parallel "$(nproc)"
-use_awk mawk
 ctest --preset sanitize --parallel 8

@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 need g++ cmake make
 
 cmake -S . -B build >/dev/null
-cmake --build build --parallel "$(nproc)" --target kxadmin kxsandbox
+cmake --build build --parallel "$(nproc)" --target kxadmin kxadmin-strict kxsandbox
 PATH=$PWD/build:$PATH
 
 work=$(mktemp -d)
