@@ -21,7 +21,9 @@ programs=$PWD/build
 work=$(mktemp -d)
 cd "$work"
 started=() # the processes of this script
+holder=    # one that has to take its command along
 finish() {
+    kill ${holder:+"$holder"} 2>/dev/null || true
     kill -KILL "${started[@]}" 2>/dev/null || true
     rm -rf --one-file-system "$work"
 }
@@ -75,7 +77,7 @@ serve() { # <directory> <password> <address>...
 }
 
 repository() { # <file>
-    { printf '4321\005' && head -c 200000 /dev/urandom; } >"$1"
+    { printf '4321\005' && head -c 20000 /dev/urandom; } >"$1"
 }
 
 # The faulty ones, and what is to be said of each.
@@ -96,23 +98,26 @@ for group in 1 2 3 4; do
         [ -n "${reasons[$host]:-}" ] || group_hosts+=("$host")
     done
     serve "group$group" "$password" "${group_hosts[@]}"
-    repository "group$group/main.rep"
+    for host in "${group_hosts[@]}"; do
+        repository "group$group/$host.rep"
+    done
 done
 serve silent "$password" 127.24.2.7
 kill -STOP "$server"
 serve other "another $password" 127.24.3.7
-cp group3/main.rep other
+repository other/127.24.3.7.rep
 serve locked "$password" 127.24.4.7
-repository locked/main.rep
+repository locked/127.24.4.7.rep
 serve zeros "$password" 127.24.4.9
-head -c 200000 /dev/zero >zeros/main.rep
+head -c 200000 /dev/zero >zeros/127.24.4.9.rep
 serve backup "$password" 127.24.5.1
 export KXSRV_CTRL_PORT=$port
 
 # A copy whose command waits keeps its source locked.
 mkfifo held
-kxadmin-strict copy -p "$password" -f 'sleep infinity;:' 127.24.4.7:{main,copy}.rep >held &
-started+=("$!")
+kxadmin-strict --password-file password \
+    copy -f 'sleep infinity;:' 127.24.4.7:{127.24.4.7,copy}.rep >held 2>>log &
+holder=$!
 while read -r line && [[ $line != Locked* ]]; do :; done <held
 [[ $line == Locked* ]] || fail "127.24.4.7 is not locked"
 echo "== ${#hosts[@]} servers on port $port, ${#reasons[@]} of them faulty"
@@ -124,7 +129,7 @@ exactly_the_faulty() { # <who says so> <file>
     sed 's/^/    /' "$2"
     [ "$(wc -l <"$2")" -eq ${#reasons[@]} ] || fail "$1 does not name ${#reasons[@]}"
     for host in "${!reasons[@]}"; do
-        grep -qE "^$host[: ].*(${reasons[$host]})" "$2" || fail "$1 does not say what $host has"
+        grep -qE "^${host}[: ].*(${reasons[$host]})" "$2" || fail "$1 does not say what $host has"
     done
 }
 
@@ -137,7 +142,7 @@ cd ansible
 } >inventory/servers.yml
 cat >inventory/group_vars/kxsrv/site.yml <<END
 kxsrv_port: $port
-kxsrv_repositories: [main.rep]
+kxsrv_repositories: ["{{ inventory_hostname }}.rep"]
 kxsrv_copies_at_once: 4
 kxsrv_copy_to: 127.24.5.1:{{ inventory_hostname }}-%F-{{ kxsrv_repository }}
 END
@@ -160,7 +165,7 @@ grep -q 'opts' ../seen || fail "the spy has seen nothing"
 # Has a playbook fail, and leaves its faults in the file faults, a line for each host.
 failing_play() { # <playbook> [<option>...]
     ! ansible-playbook "$@" >"$work/play" 2>&1 || fail "$1 has found nothing"
-    sed -n 's/^fatal: \[\(.*\)\]: FAILED! => /\1 /p' "$work/play" >"$work/faults"
+    sed -nE 's/^(fatal|failed): \[([^]]*)\].* => /\2 /p' "$work/play" >"$work/faults"
     # The summary has to name the same.
     diff <(cut -d' ' -f1 "$work/faults" | sort) \
         <(sed -n 's/ .*failed=[1-9].*//p' "$work/play" | sort) || fail "$1 names others at its end"
@@ -171,7 +176,7 @@ for limit in "$(IFS=: && echo "${twenty[*]}")" all; do
     SECONDS=0
     failing_play check.yml --limit "$limit"
     count=$(grep -c 'failed=' "$work/play")
-    echo "$count servers checked in $SECONDS seconds"
+    echo "$count servers checked in $SECONDS seconds, with 10 for the one that says nothing"
     exactly_the_faulty "check.yml" "$work/faults"
 done
 
@@ -180,7 +185,7 @@ echo "== Monitoring"
 # shellcheck disable=SC2016 # the variables of the shells below
 printf '%s\n' "${hosts[@]}" | port=$port xargs -P 8 -I{} sh -c '
     echo {} $(check_kxsrv -H {} -p $port -m password --password-file password -l 1 &&
-        check_kxsrv -H {} -p $port -m repository -r main.rep -M {}.prom)' >checks || true
+        check_kxsrv -H {} -p $port -m repository -r {}.rep -M {}.prom)' >checks || true
 grep -v ' KXSRV OK .* KXSRV OK ' checks >faults || true
 exactly_the_faulty check_kxsrv faults
 
@@ -190,7 +195,7 @@ for host in "${hosts[@]}"; do
     limit=4h
     [ "$host" != 127.24.2.7 ] || limit=10s
     cat >"etc/$host.conf" <<END
-SOURCE=$host:main.rep
+SOURCE=$host:$host.rep
 DESTINATION=127.24.5.1:%F-$host.rep
 PORT=$port
 TRIES=1
@@ -252,10 +257,8 @@ else
 fi
 exactly_the_faulty "the journal" trial/errors
 [ "$(grep -c 'copied to .* and verified' trial/journal)" -eq 195 ] || fail "$(cat trial/journal)"
-for group in 1 2 3 4; do
-    for copy in backup/*-127.24."$group".*.rep; do
-        cmp "group$group/main.rep" "$copy"
-    done
+for original in group*/*.rep; do
+    cmp "$original" backup/????-??-??-"${original#*/}"
 done
 
 echo "== Four nights, of which two copies are kept, and one that fails"
@@ -266,7 +269,7 @@ END
 chmod +x remove-copy
 cp -p password etc/nights.password
 cat >etc/nights.conf <<END
-SOURCE=127.24.1.1:main.rep
+SOURCE=127.24.1.1:127.24.1.1.rep
 DESTINATION=127.24.5.1:night %s%N.rep
 PORT=$port
 KEEP=2
@@ -275,23 +278,19 @@ END
 for _ in 1 2 3 4; do
     start_unit nights
 done
-sed -i 's/main.rep/missing.rep/' etc/nights.conf
+sed -i 's/127.24.1.1.rep/missing.rep/' etc/nights.conf
 ! start_unit nights || fail "a repository that is not there was copied"
 nights=(backup/night*)
 [ ${#nights[@]} -eq 2 ] || fail "left are: ${nights[*]}"
-cmp group1/main.rep "${nights[0]}" && cmp group1/main.rep "${nights[1]}"
+cmp group1/127.24.1.1.rep "${nights[0]}" && cmp group1/127.24.1.1.rep "${nights[1]}"
 check_kxsrv -m age -s state/nights -c 86400
 
 echo "== Forty copies, one destination killed"
 doomed=127.24.1.20
 serve doomed "$password" 127.24.5.2
 cd ansible
-for host in "${hosts[@]:9:40}"; do
-    repository "../group1/$host.rep"
-done
 head -c 512M /dev/zero >>"../group1/$doomed.rep"
 cat >inventory/group_vars/kxsrv/zcopies.yml <<END
-kxsrv_repositories: ["{{ inventory_hostname }}.rep"]
 kxsrv_copy_to: "127.24.5.{{ 2 if inventory_hostname == '$doomed' else 1 }}:{{ kxsrv_repository }}.%F"
 END
 forty=$(IFS=: && echo "${hosts[*]:9:40}")
@@ -328,7 +327,8 @@ kxadmin-strict opts 127.24.4.9 | grep 'Debug'
 exec {client}<>"/dev/tcp/127.24.4.9/$port"
 ansible-playbook stop.yml --limit 127.24.4.9 -e kxsrv_drain_minutes=0 </dev/null >"$work/play" 2>&1
 kxadmin-strict --tries 1 list 127.24.4.9 >/dev/null || fail "it was stopped without an answer"
-ansible-playbook stop.yml --limit 127.24.4.9 -e kxsrv_stop=yes </dev/null >"$work/play" 2>&1 &
+ansible-playbook stop.yml --limit 127.24.4.9 -e kxsrv_stop=yes \
+    </dev/null >"$work/play" 2>&1 {client}>&- &
 play=$!
 until grep -q 'RETRYING' "$work/play"; do
     kill -0 "$play" || fail "it was stopped under a client: $(cat "$work/play")"
@@ -358,34 +358,36 @@ END
 [ "$(id -u)" -ne 0 ] || mkdir -p /run/sshd
 "$(command -v sshd || echo /usr/sbin/sshd)" -D -f ssh/config 2>>log &
 started+=("$!")
+disown
 for number in 1 2; do
     tunnels+=(-L "127.24.6.$number:$port:127.24.$number.1:$port")
 done
 ssh -f -N "${tunnels[@]}" -p "$ssh_port" -i ssh/key -o ExitOnForwardFailure=yes \
     -o ConnectionAttempts=30 -o StrictHostKeyChecking=accept-new 127.0.0.1 2>>log
 kxadmin-strict --password-file password --verify copy \
-    127.24.6.1:main.rep "127.24.6.2:through the tunnel.rep" >/dev/null
-cmp group1/main.rep "group2/through the tunnel.rep"
+    127.24.6.1:127.24.1.1.rep "127.24.6.2:through the tunnel.rep" >/dev/null
+cmp group1/127.24.1.1.rep "group2/through the tunnel.rep"
 
-# Says whether the password is read on a port while a server is asked for what needs it.
-listen() { # <port> <server>
-    tcpdump -i lo -U -w wire "tcp port $1" 2>listening &
-    local listener=$!
-    until grep -q 'listening on' listening; do sleep 0.1; done
-    kxadmin-strict --password-file password opts "$2" -s 1 >/dev/null
-    kill -INT "$listener"
-    wait "$listener"
-    grep -cF "$password" wire || true
-}
+# Listens while a server is asked for what needs the password, and then, past the tunnel, for a marker:
+# when that is heard, so is all before it.
 if [ "$(id -u)" -eq 0 ]; then
-    bare=$(listen "$port" 127.24.1.1)
-    tunnel=$(listen "$ssh_port" 127.24.6.1)
-    echo "lines on the wire with the password: $bare bare, $tunnel in the tunnel"
-    [ "$bare:$tunnel" = 1:0 ] || fail "it was to be heard on the bare connection only"
+    tcpdump -i lo --immediate-mode -U -w wire tcp port "$port" or tcp port "$ssh_port" 2>listening &
+    started+=("$!")
+    disown
+    until grep -qs 'listening on' listening; do sleep 0.1; done
+    kxadmin-strict --password-file password opts 127.24.6.1 -s 1 >/dev/null
+    kxadmin-strict test -r marker 127.24.1.1 >/dev/null || true
+    until grep -qs 'marker' wire; do sleep 0.1; done
+    heard() { # <filter>...
+        tcpdump -r wire -w - "$@" 2>>log | grep -caF "$password" || true
+    }
+    count="$(heard dst host 127.24.6.1) $(heard tcp port "$ssh_port") $(heard dst host 127.24.1.1)"
+    echo "lines with the password in front of the tunnel, in it, and behind it: $count"
+    [ "$count" = "1 0 1" ] || fail "it was not to be heard in the tunnel, and elsewhere once"
+    rm wire
 fi
 
 # In no log, no journal and no temporary file.
-rm wire
 left=$(grep -rlF -e "$password" . | grep -vE '^./(password$|etc/.*\.password$|credentials/)' || true)
 [ -z "$left" ] || fail "the password is in $left"
 echo "All parts work."
