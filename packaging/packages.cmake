@@ -33,7 +33,9 @@ foreach(component kxadmin kxsandbox)
 endforeach()
 
 install(TARGETS kxadmin-strict DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT kxadmin)
-install_link(kxadmin.1.gz kxadmin-strict.1.gz ${CMAKE_INSTALL_MANDIR}/man1)
+pack(${PROJECT_SOURCE_DIR}/docs/kxadmin-strict.1 kxadmin-strict.1)
+install(FILES ${PACKAGING}/kxadmin-strict.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+        COMPONENT kxadmin)
 
 set(BASH_COMPLETIONS ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 install(FILES completion/kxadmin.bash DESTINATION ${BASH_COMPLETIONS} RENAME kxadmin
