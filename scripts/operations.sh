@@ -116,7 +116,7 @@ export KXSRV_CTRL_PORT=$port
 # A copy whose command waits keeps its source locked.
 mkfifo held
 kxadmin-strict --password-file password \
-    copy -f 'sleep infinity;:' 127.24.4.7:{127.24.4.7,copy}.rep >held 2>>log &
+    copy -f 'sleep infinity #' 127.24.4.7:{127.24.4.7,copy}.rep >held 2>>log &
 holder=$!
 while read -r line && [[ $line != Locked* ]]; do :; done <held
 [[ $line == Locked* ]] || fail "127.24.4.7 is not locked"
@@ -362,8 +362,10 @@ disown
 for number in 1 2; do
     tunnels+=(-L "127.24.6.$number:$port:127.24.$number.1:$port")
 done
-ssh -f -N "${tunnels[@]}" -p "$ssh_port" -i ssh/key -o ExitOnForwardFailure=yes \
-    -o ConnectionAttempts=30 -o StrictHostKeyChecking=accept-new 127.0.0.1 2>>log
+ssh -N "${tunnels[@]}" -p "$ssh_port" -i ssh/key -o ExitOnForwardFailure=yes \
+    -o ConnectionAttempts=30 -o StrictHostKeyChecking=accept-new 127.0.0.1 2>>log &
+started+=("$!")
+disown
 kxadmin-strict --password-file password --verify copy \
     127.24.6.1:127.24.1.1.rep "127.24.6.2:through the tunnel.rep" >/dev/null
 cmp group1/127.24.1.1.rep "group2/through the tunnel.rep"

@@ -49,9 +49,9 @@ class ActionModule(ActionBase):
                 faults.append(reason or f'{command[0]} ended with {rc}')
             if rc in (NOT_REACHED, TIMED_OUT):
                 break  # nor would it answer the others
-        result.update(changed=False, faults=faults)
+        result.update(changed=False, failed=bool(faults))
         if faults:
-            result.update(failed=True, msg='; '.join(faults))
+            result['msg'] = '; '.join(faults)
         else:
             result['stdout_lines'] = output
         return result

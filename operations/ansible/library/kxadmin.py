@@ -37,11 +37,10 @@ EXAMPLES = r'''
 '''
 
 RETURN = r'''
-faults:
-  description: Why commands failed, a line for each.
-  type: list
-  elements: str
-  returned: always
+msg:
+  description: Why commands failed, in one line.
+  type: str
+  returned: failure
 stdout_lines:
   description: What all of them printed.
   type: list
