@@ -36,7 +36,9 @@ static void moveSkippedBehindOptions(char** argv) {
     if (iFirstNonOpt == iLastNonOpt) {
         iFirstNonOpt = iOptInd;
     } else if (iLastNonOpt != iOptInd) {
-        std::rotate(argv + iFirstNonOpt, argv + iLastNonOpt, argv + iOptInd);
+        std::reverse(argv + iFirstNonOpt, argv + iLastNonOpt);
+        std::reverse(argv + iLastNonOpt, argv + iOptInd);
+        std::reverse(argv + iFirstNonOpt, argv + iOptInd);
         iFirstNonOpt += iOptInd - iLastNonOpt;
     }
     iLastNonOpt = iOptInd;

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdlib>
+#include <sys/wait.h>
 #include <unistd.h>
 
 /// Characters of a locale's name that are shown; with one setting per category it can be longer.
@@ -13,7 +14,7 @@ static constexpr int LOCALE_NAME_SHOWN = 84;
 static const int promptSignals[] = {SIGQUIT, SIGHUP, SIGTERM, SIGINT};
 
 static void endLine() {
-    std::putchar('\n');
+    std::fwrite("\n", 1, 1, stdout);
     std::fflush(stdout);
 }
 
@@ -85,12 +86,12 @@ void noteEnding(Ending ending, const char* format, ...) {
     recordEnding(ending);
     if (fStrict == 0)
         return;
-    std::fputs("kxadmin-strict: ", stderr);
+    std::fprintf(stderr, "kxadmin-strict: ");
     va_list args;
     va_start(args, format);
     printArguments(stderr, format, args);
     va_end(args);
-    std::fputc('\n', stderr);
+    std::fprintf(stderr, "\n");
 }
 
 void logTempFileMessage(std::FILE* hf, const char* format, ...) {
@@ -153,7 +154,7 @@ int parseAndPrintBuffer(const char* buffer, std::size_t size) {
     const char* const pEnd = buffer + textLength(buffer, size);
     for (const char* p = buffer; p != pEnd;) {
         if (*p == '\n')
-            std::putchar('\r');
+            std::fwrite("\r", 1, 1, stdout);
         // A line feed goes out at the head of the line that follows it.
         const char* const pLineFeed = findByte(p + 1, pEnd, '\n');
         std::fwrite(p, 1, static_cast<std::size_t>(pLineFeed - p), stdout);
@@ -169,6 +170,16 @@ void displayCodePage() {
                           MB_CUR_MAX > 1 ? " (MBCS)" : "");
 }
 
+pid_t startShell(const char* szCommand, void (*prepare)()) {
+    const pid_t shell = fork();
+    if (shell != 0)
+        return shell;
+    if (prepare != nullptr)
+        prepare();
+    execl("/bin/sh", "sh", "-c", szCommand, nullptr);
+    _exit(127);
+}
+
 void setTerminalEcho(bool fOn) {
     // Held back from stty as well: a signal that killed it half way would leave a terminal that
     // does not echo.
@@ -179,28 +190,37 @@ void setTerminalEcho(bool fOn) {
         sigaddset(&held, iSignal);
     sigprocmask(SIG_BLOCK, &held, &before);
     // Without a terminal there is no echo to switch, and the prompt goes on.
-    [[maybe_unused]] const int rc = std::system(fOn ? "stty echo" : "stty -echo");
+    const pid_t stty = startShell(fOn ? "stty echo" : "stty -echo");
+    if (stty > 0)
+        waitpid(stty, nullptr, 0); // not interrupted: every handler restarts calls
     sigprocmask(SIG_SETMASK, &before, nullptr);
+}
+
+void setSignalHandler(int iSignal, void (*handler)(int)) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = SA_RESTART;
+    sigaction(iSignal, &action, nullptr);
+}
+
+void raiseSignal(int iSignal) {
+    kill(getpid(), iSignal);
 }
 
 void signalHandler(int foo) {
     setTerminalEcho(true);
-    if (fStrict != 0)
-        endBySignal(foo);
+    if (fStrict != 0) {
+        setSignalHandler(foo, SIG_DFL);
+        raiseSignal(foo);
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr); // it has been held back while it is handled
+    }
     // Not exit, which would flush a stream that the signal may have found in use.
     _exit(1);
 }
 
-void endBySignal(int iSignal) {
-    std::signal(iSignal, SIG_DFL);
-    sigset_t only;
-    sigemptyset(&only);
-    sigaddset(&only, iSignal);
-    sigprocmask(SIG_UNBLOCK, &only, nullptr);
-    std::raise(iSignal);
-}
-
 void restoreEchoOnSignals() {
     for (const int iSignal : promptSignals)
-        std::signal(iSignal, signalHandler);
+        setSignalHandler(iSignal, signalHandler);
 }

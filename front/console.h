@@ -6,6 +6,8 @@
 
 #include "front/settings.h"
 
+#include <sys/types.h>
+
 // The messages. Each prints one message and a line feed on standard output and flushes it; nothing
 // in file mode. The message is printed whole however long it is. The routine says what the message
 // means for the way the command ends, which recordEnding then knows, in file mode too.
@@ -76,14 +78,21 @@ int MBgetch();
 /// Prints "Locale: " and the name of the process locale, " (MBCS)" where it is a multibyte one.
 void displayCodePage();
 
+/// Starts the shell on the command, `prepare` having been called in the new process. Returns its
+/// process, or -1.
+pid_t startShell(const char* szCommand, void (*prepare)() = nullptr);
+
 /// Switches the terminal's echo with stty, which complains where standard input is no terminal.
 void setTerminalEcho(bool fOn);
 
 /// Restores the terminal's echo and ends the process with status 1, kxadmin-strict by the signal.
 [[noreturn]] void signalHandler(int foo);
 
-/// Ends the process by the signal, or returns where it does not end a process.
-void endBySignal(int iSignal);
+/// As signal().
+void setSignalHandler(int iSignal, void (*handler)(int));
+
+/// Sends the signal to this process, as it stands to it.
+void raiseSignal(int iSignal);
 
 /// Installs signalHandler for the signals that end a prompt, for the rest of the process.
 void restoreEchoOnSignals();

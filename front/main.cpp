@@ -1,9 +1,8 @@
+#include "front/console.h"
 #include "front/options.h"
 #include "front/process.h"
-#include "front/settings.h"
 
 #include <csignal>
-#include <cstdlib>
 
 /// The exit status tells only whether the command was understood: one that was understood and
 /// failed has said so and ends with 0 as well.
@@ -12,6 +11,6 @@ int main(int argc, char** argv) {
     const I32 rc = runCommandLine(argc, argv);
     // What has interrupted copy -f; ^C ends its command only.
     if (EndingSignal == SIGHUP || EndingSignal == SIGTERM)
-        std::raise(EndingSignal);
-    std::exit(rc == SHOW_USAGE ? 1 : 0);
+        raiseSignal(EndingSignal);
+    return rc == SHOW_USAGE ? 1 : 0;
 }

@@ -1,5 +1,6 @@
 #include "front/process.h"
 
+#include "front/console.h"
 #include "front/kxadmin.h"
 #include "front/options.h"
 #include "front/version.h"
@@ -19,7 +20,7 @@ static void bufferOutput() {
 
 void startProcess() {
     socketSpareStandardStreams();
-    std::signal(SIGPIPE, SIG_IGN); // a reader that goes away does not end a copy half way
+    setSignalHandler(SIGPIPE, SIG_IGN); // a reader that goes away does not end a copy half way
     leaveNoCore();
     bufferOutput();
     std::setlocale(LC_ALL, "");

@@ -5,7 +5,7 @@ const char* const Separator =
     "==============================================================================";
 
 CONNECT_PARAMS cp = {
-    .s = -1, .serverType = SERVER_TYPE_KXSRV, .versionId = 0, .host = LocalHost, .versionStr = ""};
+    .s = -1, .serverType = SERVER_TYPE_KXSRV, .versionId = 0, .host = LocalHost, .versionStr = {}};
 CopyParams copyParams;
 TestInfo testInfo;
 char Manager[PATH_SIZE] = "testlib.dat";

@@ -7,7 +7,6 @@
 #include "front/process.h"
 #include "front/version.h"
 
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -114,7 +113,7 @@ static bool readLongOption(int argc, char** argv, int* pi) {
                    row.pszValue != nullptr ? "a" : "no");
         return false;
     }
-    return takeOption(option, pszValue);
+    return takeOption(option, pszValue != nullptr ? pszValue : "");
 }
 
 /// Takes in the options in front of the command word, whose place is then in *piCommand. False when
@@ -148,6 +147,6 @@ int main(int argc, char** argv) {
 
     closeOutput();
     if (EndingSignal != 0)
-        std::raise(EndingSignal);
-    std::exit(CommandEnding);
+        raiseSignal(EndingSignal);
+    return CommandEnding;
 }

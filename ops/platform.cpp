@@ -8,23 +8,26 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-// The limit of core dumps that we were started with, for the system command.
+// What the system command gets back: the limit of core dumps that we were started with, and the
+// signals that are not blocked when it starts.
 static rlimit coreLimit = {RLIM_INFINITY, RLIM_INFINITY};
+static sigset_t signalsBefore;
 
 void leaveNoCore() {
-    if (getrlimit(RLIMIT_CORE, &coreLimit) != 0)
+    if (prlimit(0, RLIMIT_CORE, nullptr, &coreLimit) != 0)
         return;
     // One byte, not none: a limit of 0 does not keep the kernel from handing the dump to a program
     // that collects them. Who has set it to 0 has left that to the collector.
     rlimit limit = coreLimit;
     limit.rlim_cur = std::min<rlim_t>(limit.rlim_cur, 1);
-    setrlimit(RLIMIT_CORE, &limit);
+    prlimit(0, RLIMIT_CORE, &limit, nullptr);
 }
 
 /// What must not end us while the command runs, unless it was ignored when we were started: the
@@ -40,26 +43,28 @@ static sigset_t interruptions() {
     return signals;
 }
 
-/// In the child: becomes the command, in the state that we were started in.
-[[noreturn]] static void becomeCommand(const char* szCmd, const sigset_t& signals) {
-    std::signal(SIGPIPE, SIG_DFL); // which we ignore, but the command must not outlive its reader
-    setrlimit(RLIMIT_CORE, &coreLimit);
-    sigprocmask(SIG_SETMASK, &signals, nullptr);
-    execl("/bin/sh", "sh", "-c", szCmd, nullptr);
-    _exit(127);
+/// The state that we were started in, for the command.
+static void restoreState() {
+    setSignalHandler(SIGPIPE, SIG_DFL); // we ignore it, but the command must not outlive its reader
+    prlimit(0, RLIMIT_CORE, &coreLimit, nullptr);
+    sigprocmask(SIG_SETMASK, &signalsBefore, nullptr);
 }
 
 /// Appends the children of `parent` to the `*pCount` processes, as long as there is room.
 template<std::size_t N>
 static void addChildren(pid_t parent, pid_t (&family)[N], std::size_t* pCount) {
-    char szPath[64];
-    std::snprintf(szPath, sizeof szPath, "/proc/%d/task/%d/children", parent, parent);
-    std::FILE* const hf = std::fopen(szPath, "re");
-    if (hf == nullptr)
+    char szText[4096];
+    std::snprintf(szText, sizeof szText, "/proc/%d/task/%d/children", parent, parent);
+    const int fd = open(szText, O_RDONLY | O_CLOEXEC);
+    const ssize_t length = fd < 0 ? 0 : read(fd, szText, sizeof szText - 1);
+    if (fd >= 0)
+        close(fd);
+    if (length <= 0)
         return;
-    while (*pCount < N && std::fscanf(hf, "%d", &family[*pCount]) == 1)
-        ++*pCount;
-    std::fclose(hf);
+    szText[length] = '\0';
+    char* psz = szText;
+    for (long pid; *pCount < N && (pid = std::strtol(psz, &psz, 10)) > 0;)
+        family[(*pCount)++] = static_cast<pid_t>(pid);
 }
 
 /// Passes the signal on to all that we have started and that these have, since a shell that waits
@@ -104,17 +109,13 @@ static int awaitCommand(pid_t command, const sigset_t& signals) {
 static int runCommand(const char* szCmd) {
     sigset_t signals = interruptions();
     sigaddset(&signals, SIGCHLD);
-    sigset_t before;
-    sigprocmask(SIG_BLOCK, &signals, &before);
+    sigprocmask(SIG_BLOCK, &signals, &signalsBefore);
     // Where we have inherited it ignored, the command's status would be lost.
-    const auto childBefore = std::signal(SIGCHLD, SIG_DFL);
+    setSignalHandler(SIGCHLD, SIG_DFL);
     prctl(PR_SET_CHILD_SUBREAPER, 1); // what a killed shell leaves behind comes to us
-    const pid_t command = fork();
-    if (command == 0)
-        becomeCommand(szCmd, before);
+    const pid_t command = startShell(szCmd, restoreState);
     const int rc = command < 0 ? -1 : awaitCommand(command, signals);
-    std::signal(SIGCHLD, childBefore);
-    sigprocmask(SIG_SETMASK, &before, nullptr);
+    sigprocmask(SIG_SETMASK, &signalsBefore, nullptr);
     return rc;
 }
 

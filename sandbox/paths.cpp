@@ -19,7 +19,7 @@ int openBelow(int root, const std::string& path, int iFlags) {
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
     int iError = EAGAIN;
     for (int i = 0; i < OPEN_ATTEMPTS && iError == EAGAIN; ++i) {
-        const long fd = syscall(SYS_openat2, root, relative.c_str(), &how, sizeof how);
+        const long fd = syscall(__NR_openat2, root, relative.c_str(), &how, sizeof how);
         if (fd >= 0)
             return static_cast<int>(fd);
         iError = errno;

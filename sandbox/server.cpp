@@ -84,7 +84,12 @@ static bool openDirectory(Server& server) {
     }
     // A kernel that cannot resolve names for us is found out now and not by the first client.
     const Descriptor probe(openBelow(server.directory.fd, "/", O_PATH));
-    if (probe.fd < 0)
+    if (probe.fd == -ENOSYS)
+        complain("cannot serve files: openat2 is missing, which came with Linux 5.6");
+    else if (probe.fd == -EPERM)
+        complain(
+            "cannot serve files: a filter of system calls, as of a container, forbids openat2");
+    else if (probe.fd < 0)
         complain("cannot resolve names below %s: %s", pszDirectory, std::strerror(-probe.fd));
     return probe.fd >= 0;
 }

@@ -71,7 +71,7 @@ struct Connection {
     U32 u32PeerAddress = 0;
     std::string peer, local; ///< address and port
     Clock::time_point start = Clock::now();
-    std::unique_ptr<Buffers> buffers = std::make_unique_for_overwrite<Buffers>();
+    std::unique_ptr<Buffers> buffers{new Buffers};
     std::thread thread;
 
     bool fOpen = true;              ///< [m] own thread writes; false once it has left

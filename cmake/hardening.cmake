@@ -1,0 +1,65 @@
+# The protections that a compiler and a C library offer, where whoever builds asks for no other: what
+# CXXFLAGS and LDFLAGS say about one of them stands, and a compiler without it goes without.
+# HARDENED is ON when all of them are in force.
+include(CheckCXXSourceCompiles)
+include(CheckCXXSymbolExists)
+include(CheckPIESupported)
+
+set(HARDENED ON)
+set(CMAKE_TRY_COMPILE_CONFIGURATION ${CMAKE_BUILD_TYPE}) # tried with the flags of the build
+
+# harden(COMPILE|LINK <pattern> <flag>...): uses the first of the flags that causes no warning, unless
+# whoever builds has said what matches the pattern.
+function(harden step pattern)
+  if("${CMAKE_CXX_FLAGS} ${CMAKE_EXE_LINKER_FLAGS}" MATCHES "${pattern}")
+    set(HARDENED OFF PARENT_SCOPE)
+    return()
+  endif()
+  foreach(flag ${ARGN})
+    string(MAKE_C_IDENTIFIER "KX_TAKES${flag}" takes)
+    set(CMAKE_REQUIRED_FLAGS -Werror)
+    set(CMAKE_REQUIRED_${step}_OPTIONS ${flag})
+    if(step STREQUAL "COMPILE")
+      string(APPEND CMAKE_REQUIRED_FLAGS " ${flag}")
+    endif()
+    check_cxx_source_compiles("#include <cstring>\nint main() {}" ${takes})
+    if(${takes} AND step STREQUAL "COMPILE")
+      add_compile_options($<$<CONFIG:${CMAKE_BUILD_TYPE}>:${flag}>)
+      return()
+    elseif(${takes})
+      add_link_options(${flag})
+      return()
+    endif()
+  endforeach()
+  set(HARDENED OFF PARENT_SCOPE)
+endfunction()
+
+if(KX_SANITIZE)
+  set(HARDENED OFF)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+else()
+  # A matter of glibc's headers, which warn of more than they know and of a build without -O.
+  check_cxx_symbol_exists(__GLIBC__ cstring KX_GLIBC)
+  if(KX_GLIBC)
+    harden(COMPILE _FORTIFY_SOURCE -D_FORTIFY_SOURCE=3 -D_FORTIFY_SOURCE=2)
+  else()
+    set(HARDENED OFF)
+  endif()
+  harden(COMPILE -f[no-]*stack-protector -fstack-protector-strong)
+  harden(COMPILE -f[no-]*stack-clash-protection -fstack-clash-protection)
+  harden(LINK -z.[no]*relro -Wl,-z,relro)
+  harden(LINK "-z.(now|lazy)" -Wl,-z,now)
+  harden(LINK -z.[no]*execstack -Wl,-z,noexecstack)
+endif()
+if(KX_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
+if("${CMAKE_CXX_FLAGS} ${CMAKE_EXE_LINKER_FLAGS}" MATCHES "-static|-f?no-(pie|PIE)")
+  set(HARDENED OFF)
+else()
+  set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+  check_pie_supported()
+endif()
