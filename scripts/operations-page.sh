@@ -42,7 +42,8 @@ there() {
 # the end is when there are as many lines as the page has.
 run() { # <command> <lines>
     local tries=100
-    eval "$(here <<<"$1")" >"$work/out" 2>&1 </dev/null || true
+    : >"$work/out"
+    eval "$(here <<<"$1")" >>"$work/out" 2>&1 </dev/null || true
     while [ "$(wc -l <"$work/out")" -lt "$2" ] && [ $((tries--)) -gt 0 ]; do sleep 0.1; done
     tr -d '\r' <"$work/out" | there | sed 's/^/    /; s/ *$//' >"$work/printed"
 }
@@ -53,7 +54,7 @@ mask() {
         s/[0-9]+:[0-9]{2}:[0-9]{2}(\.[0-9]+)?/TIME/g
         s/127\.0\.0\.1:[0-9]{4,5} */PEER/g
         s/[0-9]+(\.[0-9]+)? ?s\b/SECONDS/g
-        s/[0-9]{10}/TIME/g' "$@"
+        s/[0-9]{9,10}/TIME/g' "$@"
 }
 
 # A program of the page, from line i on.

@@ -45,7 +45,8 @@ export HOME=$work/home # of what ssh and Ansible leave there
 
 echo "== The parts themselves"
 shellcheck "$parts/systemd/kxadmin-copy"
-(cd "$parts/ansible" && ansible-lint -q --offline ./*.yml tasks/*.yml)
+cp -r "$parts/ansible" .
+(cd ansible && ansible-lint -q --offline ./*.yml tasks/*.yml)
 mkdir units
 for unit in service timer; do
     sed "s,/usr/local/bin/,$work/local/bin/," "$parts/systemd/kxadmin-copy@.$unit" \
@@ -134,7 +135,6 @@ exactly_the_faulty() { # <who says so> <file>
 }
 
 echo "== Ansible"
-cp -r "$parts/ansible" .
 cd ansible
 {
     printf 'kxsrv:\n  hosts:\n'
