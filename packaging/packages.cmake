@@ -56,6 +56,8 @@ install(FILES completion/_kxadmin DESTINATION ${ZSH_SITE} COMPONENT unpackaged)
 file(GLOB PAGES CONFIGURE_DEPENDS docs/*.md)
 install(FILES README.md ${PAGES} DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kxadmin
         COMPONENT kxadmin)
+install(DIRECTORY operations DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kxadmin COMPONENT kxadmin
+        USE_SOURCE_PERMISSIONS PATTERN __pycache__ EXCLUDE)
 pack(${PROJECT_SOURCE_DIR}/CHANGELOG.md changelog)
 install(FILES ${PACKAGING}/changelog.gz DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kxadmin
         COMPONENT kxadmin)
