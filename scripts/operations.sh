@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Runs what operations/ holds on two hundred servers, five of which are faulty, and fails unless
 # exactly those five are named with their reasons: by Ansible, by the monitoring check and by the
-# journal of systemd. Then 40 repositories are copied while one destination is killed, and a tunnel is
-# compared with a bare connection. Prints how long the check of 20 and of 200 servers takes. Installs
-# what is missing, and leaves nothing running.
+# journal of systemd. Then 40 repositories are copied while one destination is killed, and a tunnel
+# is compared with a bare connection. Prints how long the check of 20 and of 200 servers takes.
+# Installs what is missing, and leaves nothing running.
 #
 # As root the units run under a systemd of their own, in a container that has nothing of this
 # system's but its programs, and the network is listened to. Others run the units' command lines.
@@ -149,6 +149,7 @@ END
 echo "vault_kxsrv_password: $password" >inventory/group_vars/kxsrv/vault.yml
 echo "of the vault $RANDOM" >"$work/vault"
 export ANSIBLE_VAULT_PASSWORD_FILE=$work/vault ANSIBLE_CALLBACK_RESULT_FORMAT=json
+export ANSIBLE_REMOTE_TMP=$HOME/.ansible/tmp # which it would not take from HOME
 ansible-vault encrypt inventory/group_vars/kxsrv/vault.yml 2>/dev/null
 
 # Told as much as Ansible tells, and with each program's arguments and those of its parent.
@@ -161,6 +162,11 @@ END
 chmod +x ../spy/kxadmin-strict
 PATH=$work/spy:$PATH ansible-playbook -vvvv check.yml --limit 127.24.1.1 >"$work/told"
 grep -q 'opts' ../seen || fail "the spy has seen nothing"
+
+# Runs a playbook that is to do all of its work.
+play() { # <playbook> [<option>...]
+    ansible-playbook "$@" </dev/null >"$work/play" 2>&1 || fail "$(cat "$work/play")"
+}
 
 # Has a playbook fail, and leaves its faults in the file faults, a line for each host.
 failing_play() { # <playbook> [<option>...]
@@ -233,8 +239,8 @@ END
     [ "$(wc -l <trial/failed)" -eq ${#reasons[@]} ] || fail "$(cat trial/failed)"
 }
 
-# What the unit has systemd do, as far as a shell can: the settings, the credential, the directory of
-# the state, and the command line.
+# What the unit has systemd do, as far as a shell can: the settings, the credential, the directory
+# of the state, and the command line.
 start_unit() { # <instance>
     local unit=$parts/systemd/kxadmin-copy@.service command credential settings
     command=$(sed -n "s,^ExecStart=/usr/local,$work/local,p" "$unit")
@@ -243,7 +249,7 @@ start_unit() { # <instance>
     mkdir -p "credentials/$1"
     cp -p "${credential//%i/$1}" "credentials/$1/password"
     env "${settings[@]}" "CREDENTIALS_DIRECTORY=$work/credentials/$1" \
-        "STATE_DIRECTORY=$work/state/$1" "${command%% *}" "$1"
+        "STATE_DIRECTORY=$work/state/$1" "${command% %i}" "$1"
 }
 
 if [ "$(id -u)" -eq 0 ]; then
@@ -291,21 +297,23 @@ serve doomed "$password" 127.24.5.2
 cd ansible
 head -c 512M /dev/zero >>"../group1/$doomed.rep"
 cat >inventory/group_vars/kxsrv/zcopies.yml <<END
-kxsrv_copy_to: "127.24.5.{{ 2 if inventory_hostname == '$doomed' else 1 }}:{{ kxsrv_repository }}.%F"
+kxsrv_copy_to: "{{ backup }}:{{ kxsrv_repository }}.%F"
+backup: "{{ '127.24.5.2' if inventory_hostname == '$doomed' else '127.24.5.1' }}"
 END
 forty=$(IFS=: && echo "${hosts[*]:9:40}")
 failing_play copy.yml --limit "$forty" &
-play=$!
+copying=$!
 until find ../doomed -size +0 -name "$doomed.*" | grep -q .; do
-    kill -0 "$play" 2>/dev/null || fail "$(cat "$work/play")"
+    kill -0 "$copying" 2>/dev/null || fail "$(cat "$work/play")"
     sleep 0.01
 done
 kill -KILL "$server"
-wait "$play"
+wait "$copying"
 sed 's/^/    /' "$work/faults"
 [ "$(cut -d' ' -f1 "$work/faults")" = "$doomed" ] || fail "one was to be told, $doomed"
 grep -q "127.24.5.2:$doomed.rep.* is left incomplete" "$work/faults" || fail "it is not told"
-ansible-playbook check.yml --limit "$forty" >"$work/play" || fail "$(cat "$work/play")" # no lock is left
+# No lock is left: what is locked cannot be read.
+play check.yml --limit "$forty"
 equal() { # <directory> <host>...
     local host
     for host in "${@:2}"; do
@@ -317,25 +325,24 @@ equal backup "${hosts[@]:9:10}" "${hosts[@]:20:29}"
 # Run again, it makes what is missing and nothing else.
 touch -d yesterday ../backup/*
 serve "$work/doomed" "$password" 127.24.5.2
-ansible-playbook copy.yml --limit "$forty" >"$work/play" || fail "$(cat "$work/play")"
+play copy.yml --limit "$forty"
 equal doomed "$doomed"
 [ -z "$(find ../backup -type f -newermt -12hours)" ] || fail "copies that were whole were made again"
 
 echo "== Logging level, and an end"
-ansible-playbook loglevel.yml --limit 127.24.4.9 -e kxsrv_log_level=3 >"$work/play"
+play loglevel.yml --limit 127.24.4.9 -e kxsrv_log_level=3
 kxadmin-strict opts 127.24.4.9 | grep 'Debug'
 exec {client}<>"/dev/tcp/127.24.4.9/$port"
-ansible-playbook stop.yml --limit 127.24.4.9 -e kxsrv_drain_minutes=0 </dev/null >"$work/play" 2>&1
+play stop.yml --limit 127.24.4.9 -e kxsrv_drain_minutes=0
 kxadmin-strict --tries 1 list 127.24.4.9 >/dev/null || fail "it was stopped without an answer"
-ansible-playbook stop.yml --limit 127.24.4.9 -e kxsrv_stop=yes \
-    </dev/null >"$work/play" 2>&1 {client}>&- &
-play=$!
+play stop.yml --limit 127.24.4.9 -e kxsrv_stop=yes {client}>&- &
+stopping=$!
 until grep -q 'RETRYING' "$work/play"; do
-    kill -0 "$play" || fail "it was stopped under a client: $(cat "$work/play")"
+    kill -0 "$stopping" || fail "it was stopped under a client: $(cat "$work/play")"
     sleep 0.1
 done
 exec {client}>&-
-wait "$play"
+wait "$stopping"
 ! kxadmin-strict --tries 1 list 127.24.4.9 >/dev/null || fail "it was not stopped"
 cd "$work"
 
@@ -363,15 +370,16 @@ for number in 1 2; do
     tunnels+=(-L "127.24.6.$number:$port:127.24.$number.1:$port")
 done
 ssh -N "${tunnels[@]}" -p "$ssh_port" -i ssh/key -o ExitOnForwardFailure=yes \
-    -o ConnectionAttempts=30 -o StrictHostKeyChecking=accept-new 127.0.0.1 2>>log &
+    -o ConnectionAttempts=30 -o StrictHostKeyChecking=accept-new \
+    -o UserKnownHostsFile=ssh/known 127.0.0.1 2>>log &
 started+=("$!")
 disown
 kxadmin-strict --password-file password --verify copy \
     127.24.6.1:127.24.1.1.rep "127.24.6.2:through the tunnel.rep" >/dev/null
 cmp group1/127.24.1.1.rep "group2/through the tunnel.rep"
 
-# Listens while a server is asked for what needs the password, and then, past the tunnel, for a marker:
-# when that is heard, so is all before it.
+# Listens while a server is asked for what needs the password, and then, past the tunnel, for a
+# marker: when that is heard, so is all before it.
 if [ "$(id -u)" -eq 0 ]; then
     tcpdump -i lo --immediate-mode -U -w wire tcp port "$port" or tcp port "$ssh_port" 2>listening &
     started+=("$!")
