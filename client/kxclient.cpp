@@ -292,7 +292,8 @@ U32 managerFileMaxData() {
 }
 
 I32 managerReplyResult() {
-    return Reply.Header.Result;
+    const I32 result = Reply.Header.Result;
+    return result > 0 ? -result : result;
 }
 
 I32 managerDisconnect(I32 s) {

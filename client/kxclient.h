@@ -70,7 +70,7 @@ I32 managerGetMaxData(I32 s);
 
 U32 managerFileMaxData();
 
-/// Result of the last whole reply, as it came.
+/// Result of the last whole reply, as the function of its request would return it.
 I32 managerReplyResult();
 
 /// Says goodbye and closes the connection in every case. Returns 0 after a complete reply.

@@ -9,6 +9,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <iterator>
 #include <unistd.h>
 
@@ -127,9 +128,10 @@ static bool readLongOptions(int argc, char** argv, int* piCommand) {
     return true;
 }
 
-/// What the messages could not tell: that they were lost, or that nothing was said.
-static void closeOutput() {
-    const bool fWritten = std::ferror(stdout) == 0;
+/// What the messages could not tell: that they were lost, or that nothing was said. `fOpen` tells
+/// whether there was a standard output at the start.
+static void closeOutput(bool fOpen) {
+    const bool fWritten = fOpen && std::ferror(stdout) == 0;
     if (std::fclose(stdout) != 0 || !fWritten)
         noteEnding(ENDING_FAILED, "standard output was lost");
     if (CommandEnding == ENDING_OPEN)
@@ -137,6 +139,7 @@ static void closeOutput() {
 }
 
 int main(int argc, char** argv) {
+    const bool fOutput = fcntl(STDOUT_FILENO, F_GETFD) >= 0;
     startProcess();
     fStrict = 1;
     fProgress = isatty(STDERR_FILENO);
@@ -145,7 +148,7 @@ int main(int argc, char** argv) {
         runCommandLine(argc - iCommand + 1, argv + iCommand - 1) == SHOW_USAGE)
         recordEnding(ENDING_MISUSED);
 
-    closeOutput();
+    closeOutput(fOutput);
     if (EndingSignal != 0)
         raiseSignal(EndingSignal);
     return CommandEnding;

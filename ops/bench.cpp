@@ -55,10 +55,10 @@ static void writeScratch(I32 s) {
         managerFileWrite(s, SCRATCH_START + i * SCRATCH_BLOCK, writeBuffer, SCRATCH_BLOCK, 0);
 }
 
-static long milliseconds() {
+static long long milliseconds() {
     timeval now;
     gettimeofday(&now, nullptr);
-    return 1000 * now.tv_sec + now.tv_usec / 1000;
+    return 1000LL * now.tv_sec + now.tv_usec / 1000;
 }
 
 /// One pass: reads again and again at `offset`, until the amounts asked for add up to `SweepSize`
@@ -83,7 +83,7 @@ static bool readPass(I32 s, U32 offset, U32 size, U32 SweepSize) {
 
 /// Times one request size and writes its line.
 static bool measure(I32 s, I32 size, U32 SweepSize, std::FILE* hf) {
-    const long start = milliseconds();
+    const long long start = milliseconds();
     U32 offset = 1;
     for (int i = 0; i < PASSES; ++i) {
         offset += SweepSize;

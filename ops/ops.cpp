@@ -31,9 +31,12 @@ I32 connectToKxsrv(CONNECT_PARAMS* pcp) {
 static bool readLine(int fd, char (&junk)[512], std::size_t* pLength) {
     std::size_t length = 0;
     char c = '\0';
-    while (read(fd, &c, 1) == 1 && c != '\n')
+    while (read(fd, &c, 1) == 1 && c != '\n') {
         if (length < sizeof junk)
             junk[length++] = c;
+        else if (fd != STDIN_FILENO)
+            break; // nothing behind it is wanted of a file, which may never end
+    }
     *pLength = length;
     return length != 0 || c == '\n';
 }

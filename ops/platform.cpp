@@ -68,13 +68,16 @@ static void addChildren(pid_t parent, pid_t (&family)[N], std::size_t* pCount) {
 }
 
 /// Passes the signal on to all that we have started and that these have, since a shell that waits
-/// does not; to parents first, which could otherwise start the next thing.
-static void signalDescendants(int iSignal) {
+/// does not; to parents first, which could otherwise start the next thing. Where there is no /proc
+/// to tell, the command gets it, 0 when it has ended.
+static void signalDescendants(pid_t command, int iSignal) {
     static pid_t family[1024];
     family[0] = getpid();
     std::size_t count = 1;
     for (std::size_t i = 0; i < count; ++i)
         addChildren(family[i], family, &count);
+    if (count == 1 && command != 0)
+        family[count++] = command;
     for (std::size_t i = 1; i < count; ++i)
         kill(family[i], iSignal);
 }
@@ -100,7 +103,7 @@ static int awaitCommand(pid_t command, const sigset_t& signals) {
             continue;
         EndingSignal = iSignal;
         if (info.si_code <= 0)
-            signalDescendants(iSignal);
+            signalDescendants(fEnded ? 0 : command, iSignal);
     }
 }
 

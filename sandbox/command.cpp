@@ -21,10 +21,13 @@ static std::string besideThisProgram(const char* pszWord) {
 static int spawn(char** ppszCommand, const posix_spawnattr_t& attributes, pid_t& process) {
     const char* pszWord = ppszCommand[0];
     const int iError = posix_spawnp(&process, pszWord, nullptr, &attributes, ppszCommand, environ);
-    if (iError != ENOENT || *pszWord == '\0' || std::strchr(pszWord, '/') != nullptr)
+    // EACCES is also what a folder of PATH that may not be entered leaves behind.
+    if ((iError != ENOENT && iError != EACCES) || *pszWord == '\0' ||
+        std::strchr(pszWord, '/') != nullptr)
         return iError;
-    return posix_spawn(&process, besideThisProgram(pszWord).c_str(), nullptr, &attributes,
-                       ppszCommand, environ);
+    const int iBeside = posix_spawn(&process, besideThisProgram(pszWord).c_str(), nullptr,
+                                    &attributes, ppszCommand, environ);
+    return iBeside == ENOENT ? iError : iBeside;
 }
 
 pid_t startCommand(char** ppszCommand, U32 u32Port) {

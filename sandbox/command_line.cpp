@@ -22,8 +22,8 @@ static constexpr char USAGE[] =
     "  -t <type>         server type, 0 to 3; 1 plays a PXSRV (0)\n"
     "  -m <bytes>        data limit that clients are told, 1 to 32768 (32768)\n"
     "  -c <connections>  most connections at a time, 1 to 999 (100)\n"
-    "      --help        show this text\n"
-    "      --version     show the version\n"
+    "  -h, --help        show this text\n"
+    "  -V, --version     show the version\n"
     "\n"
     "With a command the sandbox serves as long as the command runs, tells it the port in\n"
     "KXSRV_CTRL_PORT, and ends with its status. Otherwise it serves until it is stopped by\n"
@@ -93,6 +93,17 @@ static bool takeOption(int iOption, Options& options) {
 /// What the parser returns for the long options, or leaves in optopt when one has a value.
 enum LongOption { LONG_HELP = 256, LONG_VERSION };
 
+/// Shows what the option asks for; false when it asks for nothing to be shown.
+static bool showText(int iOption) {
+    switch (iOption) {
+    case 'h':
+    case LONG_HELP: std::fputs(USAGE, stdout); return true;
+    case 'V':
+    case LONG_VERSION: std::printf("kxsandbox (%s)\n", VERSION_TEXT); return true;
+    default: return false;
+    }
+}
+
 static void complainUnknown(char** argv) {
     if (optopt != 0 && optopt < LONG_HELP)
         complain("unknown option -%c", optopt);
@@ -128,12 +139,10 @@ int readCommandLine(int argc, char** argv, Options& options) {
     options.u32Port = 65536; // until it is known which default applies
     opterr = 0;
     int iNext = optind;
-    for (int i; (i = getopt_long(argc, argv, "+:a:A:P:d:p:t:m:c:", LONG_OPTIONS, nullptr)) != -1;) {
-        if (i == LONG_HELP || i == LONG_VERSION) {
-            std::printf(i == LONG_HELP ? "%s" : "kxsandbox (%s)\n",
-                        i == LONG_HELP ? USAGE : VERSION_TEXT);
+    for (int i;
+         (i = getopt_long(argc, argv, "+:a:A:P:d:p:t:m:c:hV", LONG_OPTIONS, nullptr)) != -1;) {
+        if (showText(i))
             return 0;
-        }
         if (i == '?')
             complainUnknown(argv);
         if (!takeOption(i, options))

@@ -21,6 +21,6 @@ struct Options {
     char** ppszCommand = nullptr; ///< the words behind "--", or null; they stay where argv has them
 };
 
-/// Fills `options`. Returns -1 to go on, or the exit status when all is said: 0 after --help and
+/// Fills `options`. Returns -1 to go on, or the exit status when all is said: 0 after --help or
 /// --version, 2 after a complaint. The password is blotted out of `argv`.
 int readCommandLine(int argc, char** argv, Options& options);

@@ -39,7 +39,7 @@ std::string directoryOf(const std::string& path) {
 }
 
 std::string printable(std::string text) {
-    const auto isControl = [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; };
+    const auto isControl = [](unsigned char c) { return c < ' ' || c == 0x7f; };
     std::replace_if(text.begin(), text.end(), isControl, '?');
     return text;
 }

@@ -5,7 +5,9 @@
 #include "sandbox/reports.h"
 
 #include <cerrno>
+#include <string>
 #include <string_view>
+#include <system_error>
 
 static void replyNumber(Exchange& x, U32 u32) {
     putNumber(x.pReply + x.u32ReplyLength, u32);
@@ -333,11 +335,10 @@ I32 carryOut(Exchange& exchange) {
         return exchange.iSuccess;
     exchange.u32ReplyLength = 0;
     if (outcome.iResult > 0) {
-        char szText[128];
-        const char* pszText = outcome.pszText != nullptr
-                                  ? outcome.pszText
-                                  : strerror_r(outcome.iResult, szText, sizeof szText);
-        replyText(exchange, {pszText, std::strlen(pszText) + 1});
+        const std::string text = outcome.pszText != nullptr
+                                     ? outcome.pszText
+                                     : std::generic_category().message(outcome.iResult);
+        replyText(exchange, {text.c_str(), text.size() + 1});
     }
     return outcome.iResult;
 }

@@ -5,7 +5,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/need.sh
-need g++ clang clang-format clang-tidy cppcheck cmake make libgtest-dev binutils mandoc tshark
+need g++ clang clang-format clang-tidy cppcheck cmake make libgtest-dev binutils mandoc tshark \
+    bash-completion
 
 echo "== Format"
 find front net client ops sandbox bench tests fuzz -name '*.cpp' -o -name '*.h' | sort |

@@ -2,14 +2,17 @@
 # Copies a repository of more than 4 GB between two hosts of a sandbox, so that offsets pass 2^32 for
 # real, and compares. Takes about a minute and 4 GB below $TMPDIR (/dev/shm unless it is set), for
 # which reason it is not one of the tests.
+#   large.sh [folder]    with the programs that are built there, and else with those of build/
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/need.sh
 need g++ cmake make
 
-cmake -S . -B build >/dev/null
-cmake --build build --parallel "$(nproc)" --target kxadmin kxsandbox >/dev/null
-PATH=$PWD/build:$PATH
+if [ $# -eq 0 ]; then
+    cmake -S . -B build >/dev/null
+    cmake --build build --parallel "$(nproc)" --target kxadmin kxsandbox >/dev/null
+fi
+PATH=$(realpath "${1:-build}"):$PATH
 
 work=$(mktemp -d -p "${TMPDIR:-/dev/shm}")
 trap 'rm -rf "$work"' EXIT

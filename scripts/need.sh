@@ -14,7 +14,7 @@ need() {
     echo "Installing with apt-get: ${missing[*]}"
     local as_root=()
     [ "$(id -u)" -eq 0 ] || as_root=(sudo)
-    "${as_root[@]}" apt-get -qq update
-    DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get -qq install --no-install-recommends \
-        "${missing[@]}" >/dev/null
+    "${as_root[@]}" apt-get -qq update &&
+        DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get -qq -o DPkg::Lock::Timeout=300 \
+            install --no-install-recommends "${missing[@]}" >/dev/null
 }

@@ -177,6 +177,9 @@ TEST(EndToEnd, RubbishEndsItsConnectionAndNoOther) {
 }
 
 TEST(EndToEnd, ASandboxRunsOneCommand) {
+    const Scratch inTheWay;
+    inTheWay.write("kxadmin", "may not be run");
+    const Environment path{{"PATH", inTheWay.directory + ":" + std::getenv("PATH")}};
     // clang-format off
     const struct {
         Arguments arguments;
@@ -189,11 +192,12 @@ TEST(EndToEnd, ASandboxRunsOneCommand) {
         {{"-p", "x", "--", "sh", "-c", KXADMIN_PROGRAM " opts -s3 -p x; " KXADMIN_PROGRAM " opts"}, 0, "\nLogging level 3 (Debug) \n"},
         {{"--", "sh", "-c", "exit 7"}, 7, ""}, {{"--", "sh", "-c", "kill -9 $$"}, 137, ""},
         {{"--", "/no/such"}, 127, "kxsandbox: cannot run /no/such: No such file or directory\n"},
+        {{"-V"}, 0, "kxsandbox (sandbox 7.0)\n"},
         {{"-a", "10.0.0.1"}, 2, "kxsandbox: -a: '10.0.0.1' is not a loopback address; the sandbox listens below 127.0.0.0/8 only\n"},
         {{"-P", "12x"}, 2, "kxsandbox: -P: the port '12x' is not a number from 0 to 65535\nTry 'kxsandbox --help'\n"}};
     // clang-format on
     for (const auto& row : rows) {
-        const Outcome outcome = runProgram(KXSANDBOX_PROGRAM, row.arguments);
+        const Outcome outcome = runProgram(KXSANDBOX_PROGRAM, row.arguments, path);
         const std::string all =
             std::regex_replace(outcome.out + outcome.err, std::regex(" +|\r"), " ");
         EXPECT_EQ(outcome.status, row.status) << row.line;
