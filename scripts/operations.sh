@@ -261,7 +261,7 @@ else
     done >trial/journal
     grep 'NOT COPIED' trial/journal >trial/errors || true
 fi
-exactly_the_faulty "the journal" trial/errors
+exactly_the_faulty 'the journal' trial/errors
 [ "$(grep -c 'copied to .* and verified' trial/journal)" -eq 195 ] || fail "$(cat trial/journal)"
 for original in group*/*.rep; do
     cmp "$original" backup/????-??-??-"${original#*/}"
@@ -357,8 +357,8 @@ ssh_port=$(kxsandbox -- sh -c 'echo "$KXSRV_CTRL_PORT"' 2>/dev/null)
 cat >ssh/config <<END
 Port $ssh_port
 ListenAddress 127.0.0.1
-HostKey $work/ssh/host
-AuthorizedKeysFile $work/ssh/authorized
+HostKey "$work/ssh/host"
+AuthorizedKeysFile "$work/ssh/authorized"
 PidFile none
 StrictModes no
 END
