@@ -113,6 +113,7 @@ document(kxadmin packaging/README.md)
 document(kxadmin docs/operations.md)
 document(kxadmin docs/protocol.md)
 document(kxadmin docs/wireshark)
+document(kxadmin operations)
 install(PROGRAMS scripts/plot-bench.sh DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kxadmin/examples
         COMPONENT kxadmin)
 install_to(kxadmin ${CMAKE_INSTALL_DATADIR}/doc/kxadmin/examples scripts/need.sh)
