@@ -157,13 +157,11 @@ Answer ScriptedServer::answerTo(const string& request, Volume& volume) {
     const string host = &volume == &dest ? "dest " : fTwoHosts ? "source " : "";
     const string line = host + lineOf(request);
     lines += line;
-    Answer answer = serve(volume, request);
-    if (const auto found = scripted.find(numberAt(request, 0));
-        found != scripted.end() && &volume == &source) {
-        answer = found->second.front();
-        if (found->second.size() > 1)
-            found->second.erase(found->second.begin());
-    }
+    const auto found = scripted.find(numberAt(request, 0));
+    const bool fScripted = found != scripted.end() && &volume == &source;
+    const Answer answer = fScripted ? found->second.front() : serve(volume, request);
+    if (fScripted && found->second.size() > 1)
+        found->second.erase(found->second.begin());
     return disturb != nullptr ? disturb(line, answer) : answer;
 }
 
