@@ -171,7 +171,8 @@ TEST(Faults, LosesTheConnection) {
 }
 
 TEST(Faults, IsRefused) {
-    const auto refuse = [](const Answer&, int v) { return reply(v == 0 ? -5 : 5, "no"); };
+    // A positive result is no error of the connection list, whose text is shown.
+    const auto refuse = [](const Answer&, int v) { return reply(v == 0 ? -5 : 5, "zz"); };
     sweepSteps({"error reply"}, 1, false, refuse);
     sweepSteps({"errors from there on", 3}, 2, true, refuse);
 }
