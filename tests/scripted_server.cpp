@@ -139,11 +139,6 @@ string ScriptedServer::trace() {
     return lines;
 }
 
-std::vector<string> ScriptedServer::requests() {
-    const std::lock_guard lock(mutex);
-    return received;
-}
-
 Volume& ScriptedServer::volumeOf(I32 s) {
     sockaddr_in name{};
     socklen_t length = sizeof name;
@@ -153,7 +148,6 @@ Volume& ScriptedServer::volumeOf(I32 s) {
 
 Answer ScriptedServer::answerTo(const string& request, Volume& volume) {
     const std::lock_guard lock(mutex);
-    received.push_back(request);
     const string host = &volume == &dest ? "dest " : fTwoHosts ? "source " : "";
     const string line = host + lineOf(request);
     lines += line;
