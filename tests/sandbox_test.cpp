@@ -187,6 +187,8 @@ TEST(Sandbox, LimitsLocksAndConnections) {
     for (U32 i = 0; i < 4096; ++i)
         ASSERT_EQ(first.lock(i, 1), 0);
     EXPECT_EQ(first.lock(0, 1), ENOLCK);
+    EXPECT_EQ(first.ask(REQUEST_GET_LOCK_LIST, be32(1)), 0);
+    EXPECT_TRUE(first.data.ends_with(" more)\n")) << "a list of more than a reply holds";
     {
         Peer second(sandbox), third(sandbox);
         EXPECT_EQ(hex(second.greeting), "00000002");

@@ -139,11 +139,6 @@ string ScriptedServer::trace() {
     return lines;
 }
 
-std::vector<string> ScriptedServer::requests() {
-    const std::lock_guard lock(mutex);
-    return received;
-}
-
 Volume& ScriptedServer::volumeOf(I32 s) {
     sockaddr_in name{};
     socklen_t length = sizeof name;
@@ -153,17 +148,14 @@ Volume& ScriptedServer::volumeOf(I32 s) {
 
 Answer ScriptedServer::answerTo(const string& request, Volume& volume) {
     const std::lock_guard lock(mutex);
-    received.push_back(request);
     const string host = &volume == &dest ? "dest " : fTwoHosts ? "source " : "";
     const string line = host + lineOf(request);
     lines += line;
-    Answer answer = serve(volume, request);
-    if (const auto found = scripted.find(numberAt(request, 0));
-        found != scripted.end() && &volume == &source) {
-        answer = found->second.front();
-        if (found->second.size() > 1)
-            found->second.erase(found->second.begin());
-    }
+    const auto found = scripted.find(numberAt(request, 0));
+    const bool fScripted = found != scripted.end() && &volume == &source;
+    const Answer answer = fScripted ? found->second.front() : serve(volume, request);
+    if (fScripted && found->second.size() > 1)
+        found->second.erase(found->second.begin());
     return disturb != nullptr ? disturb(line, answer) : answer;
 }
 

@@ -68,8 +68,6 @@ public:
     /// where they are short, with ~ for a NUL, as in "OPEN 66 a.rep". For the hosts of a copy
     /// "source " or "dest " stands before it.
     string trace();
-    /// The whole messages.
-    std::vector<string> requests();
 
     Volume source, dest;
     U16 port = 0;
@@ -83,7 +81,6 @@ private:
     I32 listener;
     std::mutex mutex; // guards what follows
     std::map<U32, std::vector<Answer>> scripted;
-    std::vector<string> received;
     string lines;
     std::thread thread;
 };

@@ -100,6 +100,8 @@ done <<'END'
 2|kxsandbox: -m: the data limit '0' is not a number from 1 to 32768|kxsandbox -m 0
 2|kxsandbox: -c: the number of connections '0' is not a number from 1 to 999|kxsandbox -c 0
 2|kxsandbox: unknown option -x|kxsandbox -x
+2|kxsandbox: unknown option --x|kxsandbox --x
+127|kxsandbox: cannot run : No such file or directory|kxsandbox -- ''
 2|kxsandbox: option -p needs a value|kxsandbox -p
 2|kxsandbox: there is no command behind --|kxsandbox --
 2|kxsandbox: unexpected argument 'x' (a command to run stands behind --)|kxsandbox x
