@@ -190,7 +190,7 @@ static I32 connectForReport(const char* host, U16 port) {
     if (s < 0) {
         recordEnding(ENDING_UNREACHED);
         logTempFileMessage(testInfo.hTempFile, "1\n");
-        logTempFileMessage(testInfo.hTempFile,
+        logTempFileMessage(testInfo.hTempFile, // "an KXSRV" is what readers of reports know
                            "Could not connect to an KXSRV on %s:%d. Ensure that you have the "
                            "correct server address and port number and that KXSRV is running on "
                            "that machine.\n",

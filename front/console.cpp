@@ -109,7 +109,7 @@ void closeTempFile(TestInfo* pti) {
     pti->hTempFile = nullptr;
     if (!fWritten)
         printFailure(stderr, "Error writing temporary file %s.\n", pti->szTempFile);
-    if (!fClosed)
+    if (!fClosed) // its full stop stands behind its line feed, as ever
         printFailure(stderr, "Error closing temporary file %s\n.", pti->szTempFile);
 }
 

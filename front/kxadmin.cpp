@@ -58,6 +58,7 @@ I32 processOperation(int argc, char** argv) {
     return SHOW_USAGE;
 }
 
+// Shown as it has always been: it keeps its uneven blanks, and does not name all there is.
 static constexpr UsageLine usage[] = {
     {0, "\nUsage: kxadmin [command] [command modifiers] [<host>] [-P <port>]\n"},
     {7, "where valid commands are:"},

@@ -134,6 +134,8 @@ static void closeOutput(bool fOpen) {
     const bool fWritten = fOpen && std::ferror(stdout) == 0;
     if (std::fclose(stdout) != 0 || !fWritten)
         noteEnding(ENDING_FAILED, "standard output was lost");
+    if (CommandEnding > ENDING_DONE && testInfo.hTempFile != nullptr) // and file mode was silent
+        noteEnding(ENDING_FAILED, "the repository was not tested, and the report is empty");
     if (CommandEnding == ENDING_OPEN)
         noteEnding(ENDING_FAILED, "the command has not done its work");
 }

@@ -172,6 +172,7 @@ static I32 openDestination(I32 ds, const CopyParams* cP, bool* pfOpen) {
     }
     const I32 rc = managerFileOpen(cP->destFile, KXSRVWriteMode, ds);
     if (rc < 0) {
+        // With a blank and an empty line, unlike the one above: what is shown stays as it is.
         displayFailure("Destination path invalid or inaccessible \n");
         return rc;
     }

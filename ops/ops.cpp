@@ -19,6 +19,7 @@ I32 connectToKxsrv(CONNECT_PARAMS* pcp) {
     else
         managerConnectToPort(pcp, KXSRVPort);
     if (pcp->s < 0) {
+        // Misspelt, as scripts look for it.
         displayUnreached("Unable to connecto to KXSRV at [%s] or IP Address is unkown.", pcp->host);
         return -1;
     }
@@ -45,6 +46,7 @@ static bool readLine(int fd, char (&junk)[512], std::size_t* pLength) {
 /// was typed, which may be more than a password can have; false when the input has ended.
 static bool promptForPassword(PasswordStruct* passwd, std::size_t* pLength) {
     restoreEchoOnSignals();
+    // The blank in front of the colon is what it has always said.
     if (ServerType == SERVER_TYPE_KXSRV || ServerType == SERVER_TYPE_PXSRV)
         printTo(stdout, "Enter the password for the account used to start %s: ",
                 ServerType == SERVER_TYPE_KXSRV ? "KXSRV " : "PXSRV ");

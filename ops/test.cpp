@@ -4,7 +4,7 @@
 #include "ops/ops.h"
 
 static constexpr char checkPattern[] = {'4', '3', '2', '1'};
-static constexpr U32 HEADER_SIZE = 1280; // of a repository, at least
+static constexpr U32 REPOSITORY_HEADER_SIZE = 1280; // of a repository, at least
 static constexpr U32 VERSION_OFFSET = 4;
 static constexpr U8 VERSION_1GB = 5;
 static constexpr U8 VERSION_16GB = 6;
@@ -106,7 +106,7 @@ static Verdict verdictOfOpen(I32 rc) {
 
 /// Reads the header of the open file, takes its version, and judges both.
 static Verdict testHeader(I32 s, TestInfo* pti) {
-    static U8 buf[HEADER_SIZE];
+    static U8 buf[REPOSITORY_HEADER_SIZE];
     const I32 n = managerFileRead(s, 0, buf, sizeof buf, 0);
     if (n == SERVER_ACCESS_DENIED || n == SERVER_RANGE_LOCKED)
         return READ_DENIED;

@@ -110,7 +110,7 @@ static void judge(Kind& kind, const Scene& scene, const Ending& ending, const st
         complaint += "status " + std::to_string(status) + "; ";
     if (status == 0 && !has(said, scene.pszDone) && !has(granted, scene.pszDone))
         complaint += "status 0, but its work is not done; ";
-    if (status != 0 && said == "[banner]\n")
+    if (status != 0 && (said.empty() || said == "[banner]\n"))
         complaint += "not a word of the failure; ";
     // Where nothing has been read yet, the end of the connection is enough.
     const string behind = trace.substr(std::min(trace.size(), trace.find("source LOCK ")));
