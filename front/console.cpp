@@ -13,6 +13,9 @@ static constexpr int LOCALE_NAME_SHOWN = 84;
 
 static const int promptSignals[] = {SIGQUIT, SIGHUP, SIGTERM, SIGINT};
 
+// Whether progress stands in the last line of standard error.
+static bool fLineOpen = false;
+
 static void endLine() {
     std::fwrite("\n", 1, 1, stdout);
     std::fflush(stdout);
@@ -80,13 +83,15 @@ void displayProgress(const char* format, ...) {
     va_start(args, format);
     printArguments(stderr, format, args);
     va_end(args);
+    fLineOpen = format[std::strlen(format) - 1] != '\n';
 }
 
 void noteEnding(Ending ending, const char* format, ...) {
     recordEnding(ending);
     if (fStrict == 0)
         return;
-    std::fprintf(stderr, "kxadmin-strict: ");
+    std::fprintf(stderr, fLineOpen ? "\nkxadmin-strict: " : "kxadmin-strict: ");
+    fLineOpen = false;
     va_list args;
     va_start(args, format);
     printArguments(stderr, format, args);
@@ -207,6 +212,10 @@ void raiseSignal(int iSignal) {
     kill(getpid(), iSignal);
 }
 
+void endByStatus(int iSignal) {
+    _exit(128 + iSignal);
+}
+
 void signalHandler(int foo) {
     setTerminalEcho(true);
     if (fStrict != 0) {
@@ -215,6 +224,7 @@ void signalHandler(int foo) {
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr); // it has been held back while it is handled
+        endByStatus(foo);
     }
     // Not exit, which would flush a stream that the signal may have found in use.
     _exit(1);

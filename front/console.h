@@ -85,6 +85,10 @@ pid_t startShell(const char* szCommand, void (*prepare)() = nullptr);
 /// Switches the terminal's echo with stty, which complains where standard input is no terminal.
 void setTerminalEcho(bool fOn);
 
+/// Ends the process with the status that a shell has for one that the signal ended: the first
+/// process of a container is not ended by one.
+[[noreturn]] void endByStatus(int iSignal);
+
 /// Restores the terminal's echo and ends the process with status 1, kxadmin-strict by the signal.
 [[noreturn]] void signalHandler(int foo);
 

@@ -1,5 +1,5 @@
-// What kxadmin and kxadmin-strict have in common as processes: how they begin, and how the signal
-// that interrupted them is kept until the command has ended.
+// What kxadmin and kxadmin-strict have in common as processes: how they begin, and how they run a
+// command line.
 #pragma once
 
 #include "front/types.h"

@@ -21,18 +21,18 @@ extern const char* const Separator; // the line of 78 "=" around a server text
 
 // clang-format off
 //     name                                        holds                         written by       read by
-extern CONNECT_PARAMS cp;                       // server of the command         options, client  options
-extern CopyParams copyParams;                   // what to copy                  options          options
+extern CONNECT_PARAMS cp;                       // server of the command         dispatch, client dispatch
+extern CopyParams copyParams;                   // what to copy                  front            front
 extern TestInfo testInfo;                       // what to test; the file mode   options, test    test, console, client
 extern char Manager[PATH_SIZE];                 // bench's file on the server    options          bench
 extern U16 KXSRVPort;                           // -P                            options          ops, client
 extern U16 Quiet;                               // -q                            options          copy, source_lock, platform
 extern int fBypassFreeSpaceChecking;            // -b or -Z 99                   options          copy
 extern int fBypassActiveConnectionPrompting;    // -Z 100                        options          stop
-extern U32 ServerType;                          // type of cp's server           options          ops, stop
+extern U32 ServerType;                          // type of cp's server           dispatch         ops, stop
 extern I32 LogLevel;                            // level last set in this run    server_options   server_options
 extern Ending CommandEnding;                    // how the command ended         recordEnding     strict_main
-extern int EndingSignal;                        // that interrupted copy -f, 0   platform         process
+extern int EndingSignal;                        // that interrupted copy -f, 0   platform         main, strict_main
 // What kxadmin-strict is asked for; in kxadmin each keeps its initial value.
 extern int fStrict;                             // 1: this is kxadmin-strict     strict_main      console, client, ops
 extern int fProgress;                           // 0: no progress, no retries    strict_main      console

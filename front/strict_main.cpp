@@ -7,6 +7,7 @@
 #include "front/process.h"
 #include "front/version.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -128,8 +129,15 @@ static bool readLongOptions(int argc, char** argv, int* piCommand) {
     return true;
 }
 
+/// The first process of a container gets none of the signals that it leaves alone.
+static void handleSignalsAsFirst() {
+    if (getpid() == 1)
+        for (const int iSignal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM})
+            setSignalHandler(iSignal, endByStatus);
+}
+
 /// What the messages could not tell: that they were lost, or that nothing was said. `fOpen` tells
-/// whether there was a standard output at the start.
+/// whether there was a standard output at the start, if one is needed.
 static void closeOutput(bool fOpen) {
     const bool fWritten = fOpen && std::ferror(stdout) == 0;
     if (std::fclose(stdout) != 0 || !fWritten)
@@ -143,6 +151,7 @@ static void closeOutput(bool fOpen) {
 int main(int argc, char** argv) {
     const bool fOutput = fcntl(STDOUT_FILENO, F_GETFD) >= 0;
     startProcess();
+    handleSignalsAsFirst();
     fStrict = 1;
     fProgress = isatty(STDERR_FILENO);
     int iCommand;
@@ -150,8 +159,10 @@ int main(int argc, char** argv) {
         runCommandLine(argc - iCommand + 1, argv + iCommand - 1) == SHOW_USAGE)
         recordEnding(ENDING_MISUSED);
 
-    closeOutput(fOutput);
-    if (EndingSignal != 0)
+    closeOutput(fOutput || testInfo.fOutputToFile != 0);
+    if (EndingSignal != 0) {
         raiseSignal(EndingSignal);
+        endByStatus(EndingSignal);
+    }
     return CommandEnding;
 }

@@ -97,7 +97,7 @@ static I32 compareChunk(I32 ss, I32 ds, U8* source, U8* dest, U16 maxAmt, Positi
     const auto same = std::mismatch(source, source + common, dest).first - source;
     advance(pPosition, static_cast<U32>(same));
     if (same == n && same == m)
-        return n == maxAmt ? 1 : 0;
+        return n != 0 ? 1 : 0; // a short answer is not yet the end
     noteEnding(ENDING_FAILED, "the %s at [%u:%u]",
                same == n   ? "copy goes on where the source ends,"
                : same == m ? "copy ends before the source,"
@@ -114,9 +114,9 @@ static I32 verify(I32 ss, I32 ds, U8* source, U8* dest, U16 maxAmt) {
     while ((rc = compareChunk(ss, ds, source, dest, maxAmt, &position)) == 1)
         if (position.low % PROGRESS_STEP == 0)
             showProgress(position);
-    showProgress(position);
     if (rc != 0)
         return rc;
+    showProgress(position);
     if (isShortOfLock(position)) {
         noteEnding(ENDING_FAILED, "%u:%u of %u:%u bytes were compared", position.high, position.low,
                    highLockLength, lowLockLength);

@@ -50,7 +50,8 @@ static void restoreState() {
     sigprocmask(SIG_SETMASK, &signalsBefore, nullptr);
 }
 
-/// Appends the children of `parent` to the `*pCount` processes, as long as there is room.
+/// Appends the children of `parent` to the `*pCount` processes, as long as there is room. Those
+/// that one of its threads has started are not told, but come to us when it ends.
 template<std::size_t N>
 static void addChildren(pid_t parent, pid_t (&family)[N], std::size_t* pCount) {
     char szText[4096];
@@ -67,24 +68,45 @@ static void addChildren(pid_t parent, pid_t (&family)[N], std::size_t* pCount) {
         family[(*pCount)++] = static_cast<pid_t>(pid);
 }
 
-/// Passes the signal on to all that we have started and that these have, since a shell that waits
-/// does not; to parents first, which could otherwise start the next thing. Where there is no /proc
-/// to tell, the command gets it, 0 when it has ended.
-static void signalDescendants(pid_t command, int iSignal) {
-    static pid_t family[1024];
-    family[0] = getpid();
-    std::size_t count = 1;
-    for (std::size_t i = 0; i < count; ++i)
-        addChildren(family[i], family, &count);
-    if (count == 1 && command != 0)
-        family[count++] = command;
-    for (std::size_t i = 1; i < count; ++i)
-        kill(family[i], iSignal);
+// The children that whoever has become us had before: they are none of the command's.
+static pid_t inherited[64];
+static std::size_t inheritedCount = 0;
+
+static bool isInherited(pid_t child) {
+    pid_t* const pEnd = inherited + inheritedCount;
+    return std::find(inherited, pEnd, child) != pEnd;
 }
 
-/// Waits for the command, whose interruptions and SIGCHLD are in `signals`, and passes those on
-/// that the terminal has not sent to it as well. After one it waits for what the command has
-/// started and left behind, too. Returns the command's status.
+/// Passes the signal on to all that the command has started and left to us, since a shell that
+/// waits does not; to parents first, which could otherwise start the next thing. One that is
+/// stopped is woken to take it. Returns how many got it: none where there is no /proc to tell.
+static std::size_t signalDescendants(int iSignal) {
+    static pid_t family[1024];
+    std::size_t count = 0;
+    addChildren(getpid(), family, &count);
+    count = static_cast<std::size_t>(std::remove_if(family, family + count, isInherited) - family);
+    for (std::size_t i = 0; i < count; ++i)
+        addChildren(family[i], family, &count);
+    for (std::size_t i = 0; i < count; ++i) {
+        kill(family[i], iSignal);
+        kill(family[i], SIGCONT);
+    }
+    return count;
+}
+
+/// Takes an interruption, of which one that ends kxadmin is not forgotten for another, and passes
+/// it on to the running command. What the terminal has sent the command has had itself, but for the
+/// hang-up, which only the first process of a session gets.
+static void takeInterruption(pid_t command, const siginfo_t& info) {
+    if (EndingSignal != SIGHUP && EndingSignal != SIGTERM)
+        EndingSignal = info.si_signo;
+    const bool fOurs = info.si_code <= 0 || info.si_signo == SIGHUP;
+    if (fOurs && signalDescendants(info.si_signo) == 0)
+        kill(command, info.si_signo);
+}
+
+/// Waits for the command, whose interruptions and SIGCHLD are in `signals`. After an interruption
+/// it ends what the command has left behind, and waits for that too. Returns the command's status.
 static int awaitCommand(pid_t command, const sigset_t& signals) {
     int status = -1;
     for (bool fEnded = false;;) {
@@ -95,15 +117,12 @@ static int awaitCommand(pid_t command, const sigset_t& signals) {
                 status = ended;
                 fEnded = true;
             }
-        if (fEnded && (EndingSignal == 0 || pid < 0))
+        if (fEnded && (EndingSignal == 0 || signalDescendants(SIGTERM) == 0))
             return status;
         siginfo_t info;
         const int iSignal = sigwaitinfo(&signals, &info);
-        if (iSignal <= 0 || iSignal == SIGCHLD)
-            continue;
-        EndingSignal = iSignal;
-        if (info.si_code <= 0)
-            signalDescendants(fEnded ? 0 : command, iSignal);
+        if (iSignal > 0 && iSignal != SIGCHLD && !fEnded)
+            takeInterruption(command, info);
     }
 }
 
@@ -116,6 +135,7 @@ static int runCommand(const char* szCmd) {
     // Where we have inherited it ignored, the command's status would be lost.
     setSignalHandler(SIGCHLD, SIG_DFL);
     prctl(PR_SET_CHILD_SUBREAPER, 1); // what a killed shell leaves behind comes to us
+    addChildren(getpid(), inherited, &inheritedCount);
     const pid_t command = startShell(szCmd, restoreState);
     const int rc = command < 0 ? -1 : awaitCommand(command, signals);
     sigprocmask(SIG_SETMASK, &signalsBefore, nullptr);

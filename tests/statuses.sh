@@ -50,6 +50,7 @@ done <<'END'
 0||kxadmin test -r a.rep -f b.rep | grep -q '^2nd open returned .*, errno = 17.$' && head -n 1 b.rep | grep -q -x 0
 3|Error creating temporary file /dev.|strict test -r a.rep -f /dev
 3|Error writing temporary file /dev/full.|strict test -r a.rep -f /dev/full
+0||strict test -r a.rep -f report >&-
 3||strict test -r 'x appears to be a valid repository with a maximum size of 1 GB.'
 3|Error writing log file /dev/full.|strict bench -c1024 -l /dev/full
 0||strict copy -p pw a.rep $'b\nc'
@@ -59,7 +60,7 @@ done <<'END'
 3|kxadmin-strict: the system command failed with status 5|strict copy -qp pw -f 'exit 5;' a.rep b.rep
 3|kxadmin-strict: the system command was ended by signal 9|strict copy -qp pw -f 'kill -9 $$;' a.rep b.rep
 0||strict --verify copy -p pw a.rep d.rep
-3|kxadmin-strict: the copy goes on where the source ends, at [0:2005]|strict --verify copy -op pw a.rep long.rep
+3|kxadmin-strict: the copy goes on where the source ends, at [0:2005]|strict --progress --verify copy -op pw a.rep long.rep
 1|kxadmin-strict: --verify goes with a copy through the servers only|strict --verify stat
 1|kxadmin-strict: --verify goes with a copy through the servers only|strict --verify copy -f cp a.rep b.rep
 1|kxadmin-strict: --tries takes a number from 1 to 30|strict --tries 31 stat
