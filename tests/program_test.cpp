@@ -169,6 +169,8 @@ TEST(Program, ShowsTheServersTexts) {
         {"stat # without a data limit", "", "", {{9, reply(0, be32(0))}}},
         {"Logs 127.0.0.1 ignored", open + "one\r\ntwo" + line, "CONNECTIONS\n" + bye,
          {{14, reply(2, "one\ntwo")}}},
+        {"list # of a server that counts none", open + line, "CONNECTIONS\n" + bye,
+         {{14, reply(0)}}},
         {"list 127.0.0.1", open + "Could not get connection list on 127.0.0.1.\n",
          "CONNECTIONS\n" + bye, {{14, reply(-7)}}},
         {"list -s9999", open + "s\r\n\n", "CONNECTION 9999\n" + bye, {{15, reply(0, "s\n")}}},

@@ -36,6 +36,7 @@ TEST(Sandbox, KeepsEveryRequestWithinItsBounds) {
         {"an open of a longer name", 1, be32(66) + x1023 + "x"},
         {"a create without a name", 7, zero},
         {"space at a long name", 26, "x" + x1023 + '\0', 0},
+        {"space in a directory that there is not", 26, "none/x\0"s, 2},
         {"space at a longer name", 26, "xx" + x1023 + '\0'},
         {"a long user and password", 11, x50 + '\0' + x30 + '\0', -202},
         {"a longer password", 11, '\0' + x30 + "x\0"s},

@@ -79,6 +79,9 @@ done <<'END'
 1|kxadmin-strict: password file empty: its first line is empty|strict --password-file empty stat
 1|kxadmin-strict: password file /dev/zero: its first line is too long for a password|strict --password-file /dev/zero stat
 1|kxadmin-strict: password file x31: its first line is too long for a password|strict --password-file x31 stat
+2|kxsandbox: unknown option -x|kxsandbox -x
+2|kxsandbox: unknown option --xyz|kxsandbox --xyz
+0||kxadmin list -l1 | grep -q '^Connection 1 holds no locks'
 0||kxsandbox -V | grep -q '^kxsandbox (sandbox'
 0||echo no >kxadmin; PATH=$PWD:/usr/bin:/bin "$(command -v kxsandbox)" -- kxadmin stat | grep -q ^Uptime
 0||kxsandbox -t2 -- kxadmin stat | grep -q '^Server type  *2 (unnamed)'
