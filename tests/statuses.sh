@@ -79,6 +79,7 @@ done <<'END'
 1|kxadmin-strict: password file empty: its first line is empty|strict --password-file empty stat
 1|kxadmin-strict: password file /dev/zero: its first line is too long for a password|strict --password-file /dev/zero stat
 1|kxadmin-strict: password file x31: its first line is too long for a password|strict --password-file x31 stat
+0||kxsandbox -t3 -- true
 2|kxsandbox: unknown option -x|kxsandbox -x
 2|kxsandbox: unknown option --xyz|kxsandbox --xyz
 0||kxadmin list -l1 | grep -q '^Connection 1 holds no locks'

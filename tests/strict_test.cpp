@@ -43,6 +43,20 @@ TEST(Strict, JudgesWhatKxadminDoesNotLookAt) {
     });
 }
 
+TEST(Strict, TellsAServerThatDoesNotTakeItFromOneThatFails) {
+    const std::pair<Answer, string> rows[] = {
+        {{be32(0)}, "[localhost] refused the connection\n"},
+        {{"", Answer::CLOSE}, "[localhost] did not greet the connection\n"},
+    };
+    for (const auto& [greeting, note] : rows) {
+        ScriptedServer server;
+        server.source.greeting = greeting;
+        const RunResult run = runProgram(strict, {"stat"}, serverAt(server.port));
+        EXPECT_EQ(run.status, 2) << note;
+        expectText(note, notesIn(run.err));
+    }
+}
+
 TEST(Strict, EndsByTheSignalThatEndsIt) {
     for (const string& program : {string(KXADMIN_PROGRAM), strict})
         for (const int iSignal : {SIGQUIT, SIGHUP, SIGTERM, SIGINT}) {
