@@ -90,13 +90,13 @@ void noteEnding(Ending ending, const char* format, ...) {
     recordEnding(ending);
     if (fStrict == 0)
         return;
-    std::fprintf(stderr, fLineOpen ? "\nkxadmin-strict: " : "kxadmin-strict: ");
+    printTo(stderr, fLineOpen ? "\nkxadmin-strict: " : "kxadmin-strict: ");
     fLineOpen = false;
     va_list args;
     va_start(args, format);
     printArguments(stderr, format, args);
     va_end(args);
-    std::fprintf(stderr, "\n");
+    printTo(stderr, "\n");
 }
 
 void logTempFileMessage(std::FILE* hf, const char* format, ...) {
