@@ -15,13 +15,13 @@ TEST(EndToEnd, ACopyThatIsEndedLeavesNoLock) {
                 {"by SIGKILL", BY_SIGNAL, SIGKILL},
                 {"by the administrator", BY_KILL}};
     forEachRow(rows, [](const auto& row) {
-        const Sandbox source, dest("-A127.0.0.2 -P" + std::to_string(source.port));
-        source.write("a.rep", "4321\6" + string(32 << 20, '.') + "end");
+        const Sandbox source("-m8192"), dest("-A127.0.0.2 -P" + std::to_string(source.port));
+        source.write("a.rep", "4321\6" + string(64 << 20, '.') + "end");
         TerminalRun copy(KXADMIN_PROGRAM,
                          {"copy", "-p", "secret", "127.0.0.1:a.rep", "127.0.0.2:b.rep"},
                          serverAt(source.port));
-        // Its progress fills the terminal, of which nothing is read: it stops half way.
-        ASSERT_TRUE(copy.waitFor("Locked library of size 0:33554448 bytes."));
+        // Its progress, 70 KB, fills the terminal, of which nothing is read: it stops half way.
+        ASSERT_TRUE(copy.waitFor("Locked library of size 0:67108880 bytes."));
         Peer peer(source);
         peer.open("a.rep");
         for (const U32 offset : {0U, 16U << 20, (32U << 20) + 7})
