@@ -82,8 +82,11 @@ TEST(Connect, RetriesUntilTheServerAppears) {
     ASSERT_TRUE(run.waitFor("Retrying [29]"));
     ScriptedServer server(INADDR_LOOPBACK + 1, elsewhere.port);
     EXPECT_EQ(run.finish(), 0);
-    const string said =
-        attempts("127.0.0.2", server.port, 2, 30) + "\rConnected" + string(54, ' ') + "\n\n====";
+    int count = 0; // two, or more where this test is not given the processor for a second
+    for (auto at = run.output.find("Retrying"); at != string::npos; ++count)
+        at = run.output.find("Retrying", at + 1);
+    const string said = attempts("127.0.0.2", server.port, count, 30) + "\rConnected" +
+                        string(54, ' ') + "\n\n====";
     const std::size_t at = run.output.find("\rConn");
     expectText(said, run.output.substr(std::min(at, run.output.size()), said.size()));
 }

@@ -1,4 +1,4 @@
-// kxadmin and two sandboxes together, as an administrator has them.
+// kxadmin and the sandbox together, as an administrator has them.
 #include "tests/expect.h"
 #include "tests/sandbox.h"
 
@@ -23,15 +23,15 @@ TEST(EndToEnd, ACopyThatIsEndedLeavesNoLock) {
                 {"by SIGKILL", BY_SIGNAL, SIGKILL},
                 {"by the administrator", BY_KILL}};
     forEachRow(rows, [](const auto& row) {
-        const Sandbox source("-m8192"), dest("-A127.0.0.2 -P" + std::to_string(source.port));
-        source.write("a.rep", "4321\6" + string(64 << 20, '.') + "end");
+        const Sandbox sandbox("-m8192 -a127.0.0.2"); // two servers to kxadmin, one directory
+        sandbox.write("a.rep", "4321\6" + string(64 << 20, '.') + "end");
         TerminalRun copy(KXADMIN_PROGRAM,
                          {"copy", "-p", "secret", "127.0.0.1:a.rep", "127.0.0.2:b.rep"},
-                         serverAt(source.port));
+                         serverAt(sandbox.port));
         // Its progress, 70 KB, fills the terminal, of which nothing is read: it stops half way.
         ASSERT_TRUE(copy.waitFor("Locked library of size 0:67108880 bytes.")) << copy.output;
-        const string number = numberOfCopy(source.port);
-        Peer peer(source);
+        const string number = numberOfCopy(sandbox.port);
+        Peer peer(sandbox);
         peer.open("a.rep");
         for (const U32 offset : {0U, 16U << 20, (32U << 20) + 7})
             EXPECT_EQ(peer.ask(REQUEST_FILE_WRITE, be32(offset) + be32(1) + "x"), 33);
@@ -39,7 +39,7 @@ TEST(EndToEnd, ACopyThatIsEndedLeavesNoLock) {
         if (row.end == BY_SIGNAL)
             kill(copy.process, row.iSignal);
         if (row.end == BY_KILL) // its lock is gone when the reply comes
-            EXPECT_EQ(runKxadmin("stop -k" + number + " -p secret", source.port).out,
+            EXPECT_EQ(runKxadmin("stop -k" + number + " -p secret", sandbox.port).out,
                       "[banner]\nConnection " + number + " on host localhost killed.\n");
         else
             status = copy.finish();
@@ -52,7 +52,7 @@ TEST(EndToEnd, ACopyThatIsEndedLeavesNoLock) {
             status = copy.finish();
         EXPECT_EQ(status, row.end == BY_SIGNAL ? 128 + row.iSignal : 0);
         const bool fCopied = row.end == BY_ITSELF;
-        EXPECT_EQ(dest.read("b.rep") == source.read("a.rep"), fCopied);
+        EXPECT_EQ(sandbox.read("b.rep") == sandbox.read("a.rep"), fCopied);
         const string copied = "\nRepository 127.0.0.1:a.rep copied to 127.0.0.2:b.rep.\n";
         EXPECT_EQ(copy.output.ends_with(copied), fCopied);
     });

@@ -89,7 +89,7 @@ static Ending run(const Scene& scene, const Harm& harm) {
     };
     // A run that would not end is ended with status 124.
     const string script =
-        "cd " + scratch.directory + "; exec timeout --foreground 20 \"$0\" " + scene.pszLine;
+        "cd " + scratch.directory + "; exec timeout --foreground 60 \"$0\" " + scene.pszLine;
     const RunResult result = runProgram("/bin/sh", {"-c", script, KXADMIN_PROGRAM "-strict"},
                                         serverAt(server.port), "y\n");
     const string said = abridged(result.out) + result.err + scratch.read(scene.pszFile);

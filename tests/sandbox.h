@@ -9,11 +9,11 @@
 
 /// With the password "secret", at a port of the system's choice, or as a script starts it.
 struct Sandbox : Scratch {
-    explicit Sandbox(const string& options = "-P0", const string& script = "")
+    explicit Sandbox(const string& options = "", const string& script = "")
         : run("/bin/sh",
               {"-c",
                "cd " + directory + "; PATH=$(dirname $0):$PATH\n" +
-                   (script.empty() ? "exec kxsandbox -psecret " + options : script),
+                   (script.empty() ? "exec kxsandbox -P0 -psecret " + options : script),
                KXSANDBOX_PROGRAM},
               {}) {
         run.waitFor("\n");

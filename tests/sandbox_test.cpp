@@ -181,7 +181,7 @@ TEST(Sandbox, LocksAgainstReadsWritesAndLocks) {
 }
 
 TEST(Sandbox, LimitsLocksAndConnections) {
-    const Sandbox sandbox("-P0 -c2");
+    const Sandbox sandbox("-c2");
     sandbox.write("a.rep", "a");
     Peer first(sandbox);
     first.open("a.rep");
