@@ -50,10 +50,8 @@ static std::string finish(Report&& report) {
     return std::move(report.text);
 }
 
-/// Hours, minutes and seconds since `start`.
-static std::string ageText(Clock::time_point start) {
-    using namespace std::chrono;
-    const auto seconds = duration_cast<std::chrono::seconds>(Clock::now() - start).count();
+std::string ageText(Clock::duration age) {
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(age).count();
     char szAge[40];
     std::snprintf(szAge, sizeof szAge, "%" PRId64 ":%02d:%02d", std::int64_t{seconds / 3600},
                   static_cast<int>(seconds / 60 % 60), static_cast<int>(seconds % 60));
@@ -96,7 +94,7 @@ static void addRequests(Report& report, const Counters& counters) {
 
 std::string statisticsText(const Server& server) {
     Report report;
-    addValue(report, "Uptime", ageText(server.start));
+    addValue(report, "Uptime", ageText(Clock::now() - server.start));
     addValue(report, "Server type", serverTypeText(server.options));
     addValue(report, "Version", versionText(server.options));
     addCount(report, "Process id", static_cast<U64>(getpid()));
@@ -114,7 +112,7 @@ std::string connectionListText(const Server& server) {
     addLine(report, "Number  %-21s  %10s  %10s  %s", "Peer", "Age", "Requests", "Open file");
     for (const auto& [u32Number, connection] : server.connections)
         addLine(report, "%6u  %-21s  %10s  %10" PRIu64 "  %s", u32Number, connection->peer.c_str(),
-                ageText(connection->start).c_str(), requestsOf(connection->counters),
+                ageText(Clock::now() - connection->start).c_str(), requestsOf(connection->counters),
                 tailOf(openFileText(*connection), 22).c_str());
     return finish(std::move(report));
 }
@@ -124,7 +122,7 @@ std::string connectionText(const Connection& connection) {
     addCount(report, "Connection", connection.u32Number);
     addValue(report, "Peer", connection.peer);
     addValue(report, "Local address", connection.local);
-    addValue(report, "Age", ageText(connection.start));
+    addValue(report, "Age", ageText(Clock::now() - connection.start));
     addValue(report, "Password proved", connection.fProved ? "yes" : "no");
     addValue(report, "Open file", openFileText(connection));
     addCount(report, "Bytes received", connection.counters.u64BytesReceived);

@@ -13,3 +13,6 @@ std::string optionsText(const Server& server);
 
 /// Name and version of what this server plays.
 std::string versionText(const Options& options);
+
+/// Hours, minutes and seconds: "25:00:01".
+std::string ageText(Clock::duration age);

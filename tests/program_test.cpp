@@ -60,10 +60,11 @@ TEST(Program, ShowsItsUsageToWhoIsNotUnderstood) {
         Name name; // the command line
         string message = "", err = "";
     } rows[] = {
-        {"/?"}, {"-Help"}, {"stat -h"}, {"stat -f x"},
+        {"/?"}, {"-Help"}, {"hx"}, {"sto -h"}, {"cop -h"}, {"stat -f x"},
         {"stat -c1024 -oqb -l '' -s '' -k999 -Z99 -Z100 -r $x1023 -t $x1023 -p $x30 -ph"},
         {"bench -s65536 -s4096 -c36864 -l $x1023 -h"},
         {"st", "Unrecognized command option [st].\n"},
+        {"co", "Unrecognized command option [co].\n"},
         {"''", "Unrecognized command option [].\n"},
         {"stat h -qx", "", "stat: invalid option -- x\n"},
         {"stat -q: -h", "", "stat: invalid option -- :\n"},

@@ -2,6 +2,8 @@
 #include "tests/sandbox.h"
 
 #include "sandbox/files.h"
+#include "sandbox/reports.h"
+#include "sandbox/requests.h"
 #include "tests/expect.h"
 
 #include <atomic>
@@ -11,6 +13,7 @@
 #include <sys/fsuid.h>
 #include <sys/stat.h>
 
+using std::chrono::system_clock;
 using namespace std::string_literals;
 
 TEST(Sandbox, KeepsEveryRequestWithinItsBounds) {
@@ -123,7 +126,7 @@ TEST(Sandbox, TakesThePasswordForWhatAnAdministratorDoes) {
 }
 
 TEST(Sandbox, SharesAFileAsItsOpenersAllow) {
-    enum { READ, WRITE, BOTH };
+    const char* const accesses[] = {"to read", "to write", "to read and write"};
     const struct {
         Name name;
         U32 sharing;
@@ -138,8 +141,8 @@ TEST(Sandbox, SharesAFileAsItsOpenersAllow) {
     const Sandbox sandbox;
     sandbox.write("a.rep", "a");
     forEachRow(rows, [&](const auto& row) {
-        for (const U32 access : {READ, WRITE, BOTH}) {
-            SCOPED_TRACE("access of the other: " + std::to_string(access));
+        for (U32 access = 0; access < 3; ++access) {
+            SCOPED_TRACE(string("the other opens it ") + accesses[access]);
             const U32 mode = row.sharing << 4, other = 4U << 4 | access;
             for (const auto& [first, second] : {std::pair(mode, other), {other, mode}}) {
                 Peer opener(sandbox), next(sandbox);
@@ -218,23 +221,53 @@ struct Files : Scratch {
 
 } // namespace
 
+/// Expects `request`, once it `hasBegun`, to wait until it is let go on.
+template<class Request, class HasBegun, class LetGoOn>
+static void expectToWait(Server& server, const Request& request, const HasBegun& hasBegun,
+                         const LetGoOn& letGoOn) {
+    std::atomic<bool> fAnswered = false;
+    std::thread thread([&] {
+        request();
+        fAnswered = true;
+    });
+    for (bool fBegun = false; !fBegun; usleep(20000)) {
+        const std::lock_guard guard(server.mutex);
+        fBegun = hasBegun();
+    }
+    EXPECT_FALSE(fAnswered);
+    {
+        const std::lock_guard guard(server.mutex);
+        letGoOn();
+        server.left.notify_all();
+    }
+    thread.join();
+}
+
 TEST(Sandbox, GrantsALockWhenTheTransfersThatBeganBeforeHaveEnded) {
     Files files;
     ASSERT_EQ(files.open(0x42), 0);
     OpenFile& file = *files.connection.file;
     std::shared_lock transferring(file.pShared->transfers);
-    std::atomic<bool> fGranted = false;
-    std::thread locker([&] {
-        lockRange(files.server, file, {0, 1});
-        fGranted = true;
-    });
-    for (bool fAsked = false; !fAsked; usleep(20000)) {
-        const std::lock_guard guard(files.server.mutex);
-        fAsked = !file.locks.empty();
-    }
-    EXPECT_FALSE(fGranted);
-    transferring.unlock();
-    locker.join();
+    const auto lock = [&] { lockRange(files.server, file, {0, 1}); };
+    const auto isLocked = [&] { return !file.locks.empty(); };
+    expectToWait(files.server, lock, isLocked, [&] { transferring.unlock(); });
+}
+
+TEST(Sandbox, AnswersAKillWhenTheOtherHasLeft) {
+    Files files;
+    files.connection.fProved = true;
+    auto& connections = files.server.connections;
+    const Connection& other = *(connections[1] = std::make_unique<Connection>());
+    const string number = be32(1);
+    Exchange x{files.server,
+               files.connection,
+               REQUEST_KILL_CONNECTION,
+               reinterpret_cast<const U8*>(number.data()),
+               4,
+               files.connection.buffers->reply};
+    const auto kill = [&] { EXPECT_EQ(carryOut(x), 0); };
+    const auto isKilled = [&] { return other.fKilled; };
+    expectToWait(files.server, kill, isKilled, [&] { connections.clear(); });
 }
 
 TEST(Sandbox, OpensForReadingWhatMayOnlyBeRead) {
@@ -282,6 +315,13 @@ TEST(Sandbox, ReachesNothingOutsideItsDirectory) {
     EXPECT_EQ(outside.read("secret") + outside.read("new"), "s(none)");
 }
 
+TEST(Sandbox, TellsAnAge) {
+    using namespace std::chrono;
+    EXPECT_EQ(ageText(seconds(59)), "0:00:59");
+    EXPECT_EQ(ageText(minutes(60) - milliseconds(1)), "0:59:59");
+    EXPECT_EQ(ageText(hours(100) + minutes(1)), "100:01:00");
+}
+
 TEST(Sandbox, KeepsNothingOfClientsThatHaveLeft) {
     Sandbox sandbox;
     Peer peer(sandbox);
@@ -302,7 +342,11 @@ TEST(Sandbox, KeepsNothingOfClientsThatHaveLeft) {
 }
 
 TEST(Sandbox, LogsWhatItsLevelAsksFor) {
-    Sandbox sandbox;
+    const auto secondOfDay = [] { // five hours east, as the sandbox is told
+        return (system_clock::to_time_t(system_clock::now()) + 5 * 3600) % 86400;
+    };
+    const auto begin = secondOfDay();
+    Sandbox sandbox("", "TZ=EAST-5 exec kxsandbox -P0 -psecret");
     Peer peer(sandbox);
     for (const U32 level : {2U, 3U, 1U, 0U}) {
         peer.prove("wrong");
@@ -311,17 +355,24 @@ TEST(Sandbox, LogsWhatItsLevelAsksFor) {
     }
     kill(sandbox.run.process, SIGTERM);
     sandbox.run.finish();
+    const auto end = secondOfDay();
     string log; // without the line that it is ready, and the times
     std::istringstream lines(sandbox.run.output.substr(sandbox.run.output.find('\n') + 1));
-    for (string line; std::getline(lines, line);)
-        log += line.substr(line.find(' ') + 1) + '\n';
+    for (string line; std::getline(lines, line);) {
+        const auto at = line.find(' ');
+        int hour = 0, minute = 0, second = 0;
+        std::sscanf(line.c_str(), "%2d:%2d:%2d.", &hour, &minute, &second);
+        const auto time = (hour * 60 + minute) * 60 + second;
+        EXPECT_LE((time - begin + 86400) % 86400, (end - begin + 86400) % 86400) << line;
+        log += line.substr(at + 1) + '\n';
+    }
     const string wrong = "Warning: connection 1 gave a wrong password\n";
     const string set = "Information: connection 1 set the logging level to ";
-    const string debug = "Debug: connection 1: ", end = ", 0 bytes\n";
+    const string debug = "Debug: connection 1: ", none = ", 0 bytes\n";
     const string verify = debug + "verify password, ";
     expectText(wrong + set + "Debug\n" + debug + "set logging level, 4 parameter bytes: result 0" +
-                   end + wrong + verify + "7 parameter bytes: result -202" + end + verify +
-                   "8 parameter bytes: result 0" + end + wrong + set +
+                   none + wrong + verify + "7 parameter bytes: result -202" + none + verify +
+                   "8 parameter bytes: result 0" + none + wrong + set +
                    "Information\nInformation: stopped by signal 15\n"
                    "Information: connection 1 ends\n",
                log);
