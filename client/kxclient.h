@@ -50,8 +50,8 @@ extern U32 ManagerLocalIP;              // this client's address, in wire order 
 /// pcp->s, negative when there is no connection.
 I32 managerConnect(CONNECT_PARAMS* pcp);
 
-/// Connects at `portNumber`: up to ManagerConnectRetries attempts a second apart, told on standard
-/// error; in file mode one attempt, told in the report file, which is then closed.
+/// Connects at `portNumber`: up to ManagerConnectRetries attempts a second apart, shown as
+/// progress; in file mode one attempt, whose failure goes to the report file, which is then closed.
 I32 managerConnectToPort(CONNECT_PARAMS* pcp, U16 portNumber);
 
 /// Learns the server's type and the data limit. Returns 0, -1 after "Error querying server", or

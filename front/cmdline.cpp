@@ -87,7 +87,7 @@ static int takeCharacter() {
 
 static int refuse(const char* pszCommand, const char* pszWhy, int c) {
     if (iOptErr != 0)
-        printMisuse(stderr, "%s: %s -- %c\n", pszCommand, pszWhy, c);
+        printTo(stderr, "%s: %s -- %c\n", pszCommand, pszWhy, c);
     iOptOpt = c;
     return '?';
 }

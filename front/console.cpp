@@ -13,8 +13,7 @@ static constexpr int LOCALE_NAME_SHOWN = 84;
 
 static const int promptSignals[] = {SIGQUIT, SIGHUP, SIGTERM, SIGINT};
 
-// Whether progress stands in the last line of standard error.
-static bool fLineOpen = false;
+static bool fLineOpen = false; // whether progress stands in the last line of standard error
 
 static void endLine() {
     std::fwrite("\n", 1, 1, stdout);
@@ -26,22 +25,35 @@ void recordEnding(Ending ending) {
         CommandEnding = ending;
 }
 
-__attribute__((format(printf, 1, 0))) static void displayArguments(const char* format,
-                                                                   va_list args) {
-    if (testInfo.fOutputToFile != 0)
+/// kxadmin-strict's own line on standard error, cut where it is longer than any of its texts with a
+/// path in it.
+__attribute__((format(printf, 1, 0))) static void noteArguments(const char* format, va_list args) {
+    if (fStrict == 0)
         return;
-    // Formatted straight into the stream: a message may hold a path longer than any buffer.
-    std::vprintf(format, args);
-    endLine();
+    char szNote[PATH_SIZE + 200];
+    std::vsnprintf(szNote, sizeof szNote, format, args);
+    printTo(stderr, "%skxadmin-strict: %s\n", fLineOpen ? "\n" : "", szNote);
+    fLineOpen = false;
 }
 
-// C's variable arguments leave no other way to say once what these routines have in common.
+__attribute__((format(printf, 2, 0))) static void
+displayArguments(Ending ending, const char* format, va_list args) {
+    recordEnding(ending);
+    if (testInfo.fOutputToFile == 0) {
+        // Formatted straight into the stream: a message may hold a path longer than any buffer.
+        std::vprintf(format, args);
+        endLine();
+    } else if (ending == ENDING_MISUSED) {
+        noteArguments(format, args); // there is no report yet that could tell
+    }
+}
+
+// The routines differ by the ending alone, and C's variable arguments cannot be handed on whole.
 #define DISPLAY_ROUTINE(name, ending)                                                              \
     void name(const char* format, ...) {                                                           \
-        recordEnding(ending);                                                                      \
         va_list args;                                                                              \
         va_start(args, format);                                                                    \
-        displayArguments(format, args);                                                            \
+        displayArguments(ending, format, args);                                                    \
         va_end(args);                                                                              \
     }
 DISPLAY_ROUTINE(displayConsoleMessage, ENDING_OPEN)
@@ -63,18 +75,12 @@ __attribute__((format(printf, 2, 0))) static void printArguments(std::FILE* hf, 
     std::fflush(hf);
 }
 
-#define PRINT_ROUTINE(name, ending)                                                                \
-    void name(std::FILE* hf, const char* format, ...) {                                            \
-        recordEnding(ending);                                                                      \
-        va_list args;                                                                              \
-        va_start(args, format);                                                                    \
-        printArguments(hf, format, args);                                                          \
-        va_end(args);                                                                              \
-    }
-PRINT_ROUTINE(printTo, ENDING_OPEN)
-PRINT_ROUTINE(printMisuse, ENDING_MISUSED)
-PRINT_ROUTINE(printFailure, ENDING_FAILED)
-#undef PRINT_ROUTINE
+void printTo(std::FILE* hf, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    printArguments(hf, format, args);
+    va_end(args);
+}
 
 void displayProgress(const char* format, ...) {
     if (fProgress == 0)
@@ -88,15 +94,10 @@ void displayProgress(const char* format, ...) {
 
 void noteEnding(Ending ending, const char* format, ...) {
     recordEnding(ending);
-    if (fStrict == 0)
-        return;
-    printTo(stderr, fLineOpen ? "\nkxadmin-strict: " : "kxadmin-strict: ");
-    fLineOpen = false;
     va_list args;
     va_start(args, format);
-    printArguments(stderr, format, args);
+    noteArguments(format, args);
     va_end(args);
-    printTo(stderr, "\n");
 }
 
 void logTempFileMessage(std::FILE* hf, const char* format, ...) {
@@ -112,10 +113,12 @@ void closeTempFile(TestInfo* pti) {
     const bool fWritten = std::ferror(pti->hTempFile) == 0;
     const bool fClosed = std::fclose(pti->hTempFile) == 0;
     pti->hTempFile = nullptr;
+    if (!fWritten || !fClosed)
+        recordEnding(ENDING_FAILED);
     if (!fWritten)
-        printFailure(stderr, "Error writing temporary file %s.\n", pti->szTempFile);
+        printTo(stderr, "Error writing temporary file %s.\n", pti->szTempFile);
     if (!fClosed) // its full stop stands behind its line feed, as ever
-        printFailure(stderr, "Error closing temporary file %s\n.", pti->szTempFile);
+        printTo(stderr, "Error closing temporary file %s\n.", pti->szTempFile);
 }
 
 int MBgetch() {

@@ -1,7 +1,7 @@
 // All that the program says to the administrator and asks of him: message lines, the report file of
 // `test`, the yes/no question, the check of a number he typed, the printing of server texts, and
-// terminal echo around the password prompt. In file mode (testInfo.fOutputToFile) the console is
-// silent and the report file speaks.
+// terminal echo around the password prompt, with the signals and the shell that this takes. In file
+// mode (testInfo.fOutputToFile) the console is silent and the report file speaks.
 #pragma once
 
 #include "front/settings.h"
@@ -18,7 +18,8 @@ void displayConsoleMessage(const char* format, ...) __attribute__((format(printf
 /// The command has done its work.
 void displaySuccess(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-/// The command line holds what cannot be used.
+/// The command line holds what cannot be used. In file mode, where no report tells it yet,
+/// kxadmin-strict says it on standard error.
 void displayMisuse(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 /// A server was not reached.
@@ -34,11 +35,8 @@ void displayDeclined(const char* format, ...) __attribute__((format(printf, 1, 2
 void displayEmptyLine();
 
 /// Prints on `hf` and flushes it, adding no line feed; file mode does not silence it. Write errors
-/// stay in the stream for whoever closes it. printMisuse and printFailure are to this what
-/// displayMisuse and displayFailure are to displayConsoleMessage.
+/// stay in the stream for whoever closes it.
 void printTo(std::FILE* hf, const char* format, ...) __attribute__((format(printf, 2, 3)));
-void printMisuse(std::FILE* hf, const char* format, ...) __attribute__((format(printf, 2, 3)));
-void printFailure(std::FILE* hf, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 /// Prints on standard error, adding no line feed, what the next progress overwrites; nothing where
 /// progress is not wanted.

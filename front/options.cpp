@@ -22,7 +22,7 @@ struct Limits {
     const char* pszMessage;
 };
 
-constexpr Limits chunkLimits = {1024, 36864,
+constexpr Limits chunkLimits = {BENCH_FIRST_SIZE, BENCH_LAST_SIZE,
                                 "largest read chunk size must be between 1024 and 36864\n"};
 constexpr Limits sweepLimits = {4096, 65536, "Sweep size must be between 4096 and 65536"};
 
@@ -56,7 +56,8 @@ template<class Number> I32 readSize(const Limits& limits, Number* pSize) {
 I32 readFileOption(int operation) {
     if (operation == OPERATION_TEST) {
         if (!storeText(testInfo.szTempFile, pszOptArg)) {
-            printMisuse(stdout, "Temporary file path is too long.\n");
+            recordEnding(ENDING_MISUSED);
+            printTo(stdout, "Temporary file path is too long.\n");
             return -1;
         }
         testInfo.fOutputToFile = 1;
@@ -198,12 +199,14 @@ I32 prepareTest() {
     if (testInfo.fOutputToFile != 1)
         return ACCEPTED;
     if (testInfo.szTempFile[0] == '\0') {
-        printMisuse(stdout, "Temporary file path must be specified using -f for test command.\n");
+        recordEnding(ENDING_MISUSED);
+        printTo(stdout, "Temporary file path must be specified using -f for test command.\n");
         return SHOW_USAGE;
     }
     testInfo.hTempFile = basicOpenTempFile(testInfo.szTempFile);
     if (testInfo.hTempFile == nullptr) {
-        printFailure(stderr, "Error creating temporary file %s.\n", testInfo.szTempFile);
+        recordEnding(ENDING_FAILED);
+        printTo(stderr, "Error creating temporary file %s.\n", testInfo.szTempFile);
         return -1;
     }
     return ACCEPTED;

@@ -1,5 +1,5 @@
-// The second stage of every command: reads and checks the modifiers, connects to the server (to two
-// of them for copy), checks its type, runs the one operation and disconnects.
+// The second stage of every command: reads and checks the modifiers, prints the banner, and hands
+// over to dispatch.h.
 #pragma once
 
 #include "front/types.h"

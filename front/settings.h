@@ -23,7 +23,7 @@ extern const char* const Separator; // the line of 78 "=" around a server text
 //     name                                        holds                         written by       read by
 extern CONNECT_PARAMS cp;                       // server of the command         dispatch, client dispatch
 extern CopyParams copyParams;                   // what to copy                  front            front
-extern TestInfo testInfo;                       // what to test; the file mode   options, test    test, console, client
+extern TestInfo testInfo;                       // what to test; the file mode   options, console front, ops, client
 extern char Manager[PATH_SIZE];                 // bench's file on the server    options          bench
 extern U16 KXSRVPort;                           // -P                            options          ops, client
 extern U16 Quiet;                               // -q                            options          copy, source_lock, platform
@@ -35,7 +35,7 @@ extern Ending CommandEnding;                    // how the command ended        
 extern int EndingSignal;                        // that interrupted copy -f, 0   platform         main, strict_main
 // What kxadmin-strict is asked for; in kxadmin each keeps its initial value.
 extern int fStrict;                             // 1: this is kxadmin-strict     strict_main      console, client, ops
-extern int fProgress;                           // 0: no progress, no retries    strict_main      console
+extern int fProgress;                           // 0: progress is not shown      strict_main      console
 extern int fVerify;                             // --verify                      strict_main      options, copy
 extern const char* PasswordFile;                // --password-file, or null      strict_main      options
 extern int TimeoutAttempts;                     // at a host that is silent      strict_main      socket

@@ -16,7 +16,7 @@
 
 namespace {
 
-enum LongOption { TRIES, PASSWORD_FILE, VERIFY, PROGRESS, VERSION, HELP, OPTIONS };
+enum LongOption { TRIES, PASSWORD_FILE, VERIFY, PROGRESS, VERSION, HELP, OPTION_COUNT };
 
 struct OptionRow {
     const char* pszName;
@@ -33,7 +33,7 @@ constexpr OptionRow optionRows[] = {
     /* VERSION */ {"--version", nullptr, "show the version"},
     /* HELP */ {"--help", nullptr, "show this help"},
 };
-static_assert(std::size(optionRows) == OPTIONS);
+static_assert(std::size(optionRows) == OPTION_COUNT);
 
 constexpr int MOST_TRIES = 30;
 
@@ -78,19 +78,21 @@ static bool takeOption(int option, const char* pszValue) {
         recordEnding(ENDING_DONE);
         printTo(stdout, "kxadmin-strict (%s)\n", szVersionName);
         return false;
-    default:
+    case HELP:
         recordEnding(ENDING_DONE);
         printHelp();
         return false;
+    default: return false;
     }
 }
 
-/// The option whose name is the argument's text in front of a '=', or OPTIONS.
+/// The option whose name is the argument's text in front of a '=', or OPTION_COUNT.
 static int findOption(const char* pszArgument) {
     const std::size_t length = std::strcspn(pszArgument, "=");
     int option = 0;
-    while (option < OPTIONS && (std::strlen(optionRows[option].pszName) != length ||
-                                std::memcmp(optionRows[option].pszName, pszArgument, length) != 0))
+    while (option < OPTION_COUNT &&
+           (std::strlen(optionRows[option].pszName) != length ||
+            std::memcmp(optionRows[option].pszName, pszArgument, length) != 0))
         ++option;
     return option;
 }
@@ -100,8 +102,10 @@ static int findOption(const char* pszArgument) {
 static bool readLongOption(int argc, char** argv, int* pi) {
     const char* const pszArgument = argv[(*pi)++];
     const int option = findOption(pszArgument);
-    if (option == OPTIONS) {
-        noteEnding(ENDING_MISUSED, "unknown option %s; see kxadmin-strict --help", pszArgument);
+    if (option == OPTION_COUNT) {
+        // Without its value, which may be a password.
+        noteEnding(ENDING_MISUSED, "unknown option %.*s; see kxadmin-strict --help",
+                   static_cast<int>(std::strcspn(pszArgument, "=")), pszArgument);
         return false;
     }
     const OptionRow& row = optionRows[option];
@@ -136,12 +140,17 @@ static void handleSignalsAsFirst() {
             setSignalHandler(iSignal, endByStatus);
 }
 
-/// What the messages could not tell: that they were lost, or that nothing was said. `fOpen` tells
-/// whether there was a standard output at the start, if one is needed.
+/// `fOpen` tells whether there was a standard output at the start, if one is needed.
 static void closeOutput(bool fOpen) {
     const bool fWritten = fOpen && std::ferror(stdout) == 0;
     if (std::fclose(stdout) != 0 || !fWritten)
         noteEnding(ENDING_FAILED, "standard output was lost");
+}
+
+/// Says a word where the command has ended without its work and none was said.
+static void breakSilence(I32 rc) {
+    if (rc == SHOW_USAGE && testInfo.fOutputToFile != 0) // which kept the usage text back
+        noteEnding(ENDING_MISUSED, "see kxadmin help");
     if (CommandEnding > ENDING_DONE && testInfo.hTempFile != nullptr) // and file mode was silent
         noteEnding(ENDING_FAILED, "the repository was not tested, and the report is empty");
     if (CommandEnding == ENDING_OPEN)
@@ -155,10 +164,12 @@ int main(int argc, char** argv) {
     fStrict = 1;
     fProgress = isatty(STDERR_FILENO);
     int iCommand;
-    if (readLongOptions(argc, argv, &iCommand) &&
-        runCommandLine(argc - iCommand + 1, argv + iCommand - 1) == SHOW_USAGE)
-        recordEnding(ENDING_MISUSED);
-
+    if (readLongOptions(argc, argv, &iCommand)) {
+        const I32 rc = runCommandLine(argc - iCommand + 1, argv + iCommand - 1);
+        if (rc == SHOW_USAGE)
+            recordEnding(ENDING_MISUSED);
+        breakSilence(rc);
+    }
     closeOutput(fOutput || testInfo.fOutputToFile != 0);
     if (EndingSignal != 0) {
         raiseSignal(EndingSignal);

@@ -39,7 +39,7 @@ struct CONNECT_Params {
 };
 using CONNECT_PARAMS = CONNECT_Params;
 
-/// The administrator's password, from -p or from the prompt.
+/// The administrator's password, from -p, --password-file or the prompt.
 struct PasswordStruct {
     char name[PASSWORD_SIZE]; ///< empty until one is given
     I32 noPassword;           ///< 1: -p stood without a value, the empty password is sent

@@ -12,10 +12,8 @@ static constexpr U32 SCRATCH_START = 1280;
 static constexpr U32 SCRATCH_BLOCK = 4095;
 static constexpr int SCRATCH_BLOCKS = 100;
 
-/// Request sizes, in bytes; the front end bounds the largest.
-static constexpr I32 FIRST_SIZE = 1024;
+/// Request sizes grow by so many bytes.
 static constexpr I32 SIZE_STEP = 64;
-static constexpr std::size_t READ_BUFFER_SIZE = 36864;
 
 static constexpr int PASSES = 8;
 
@@ -44,15 +42,23 @@ static std::FILE* openResults(const char* benchLog) {
 static void closeResults(std::FILE* hf, const char* benchLog) {
     const bool fWritten = std::ferror(hf) == 0;
     const bool fClosed = std::fclose(hf) == 0;
-    if (!fWritten || !fClosed)
-        printFailure(stderr, "Error writing log file %s.\n", benchLog);
+    if (!fWritten || !fClosed) {
+        recordEnding(ENDING_FAILED);
+        printTo(stderr, "Error writing log file %s.\n", benchLog);
+    }
 }
 
+/// Of a server that does not take the data kxadmin says nothing: the reads find out what is there.
 static void writeScratch(I32 s) {
     char writeBuffer[SCRATCH_BLOCK + 1];
     std::memset(writeBuffer, 't', SCRATCH_BLOCK);
+    I32 rc = 0;
     for (U32 i = 0; i < SCRATCH_BLOCKS; ++i)
-        managerFileWrite(s, SCRATCH_START + i * SCRATCH_BLOCK, writeBuffer, SCRATCH_BLOCK, 0);
+        rc = std::min(rc, managerFileWrite(s, SCRATCH_START + i * SCRATCH_BLOCK, writeBuffer,
+                                           SCRATCH_BLOCK, 0));
+    rc = std::min(rc, managerFileClose(s));
+    if (rc < 0)
+        noteEnding(ENDING_FAILED, "the data could not be written (%d)", rc);
 }
 
 static long long milliseconds() {
@@ -65,7 +71,7 @@ static long long milliseconds() {
 /// at least. A request asks for `size` bytes, but for no more than the previous reply left of the
 /// sweep.
 static bool readPass(I32 s, U32 offset, U32 size, U32 SweepSize) {
-    static U8 readBuffer[READ_BUFFER_SIZE];
+    static U8 readBuffer[BENCH_LAST_SIZE];
     U32 asked = 0;
     U32 previous = 0;
     do {
@@ -101,11 +107,10 @@ static bool measure(I32 s, I32 size, U32 SweepSize, std::FILE* hf) {
 static bool writeAndMeasure(I32 s, U32 SweepSize, I32 largestChunkSize, std::FILE* hf) {
     displayConsoleMessage("Writing data to %s.", Manager);
     writeScratch(s);
-    managerFileClose(s);
     if (!openScratch(s))
         return false;
     displayConsoleMessage("Bench test running, please wait.");
-    for (I32 size = FIRST_SIZE; size <= largestChunkSize; size += SIZE_STEP)
+    for (I32 size = BENCH_FIRST_SIZE; size <= largestChunkSize; size += SIZE_STEP)
         if (!measure(s, size, SweepSize, hf))
             return false;
     return true;

@@ -21,192 +21,199 @@ static constexpr U32 PROGRESS_STEP = 16384;
 
 namespace {
 
-/// A byte offset of 64 bits, in the halves in which it travels.
-struct Position {
-    U32 high, low;
-};
+/// What became of a step of the copy. Where it is not COPIED a message has told, but for
+/// NOT_CREATED, which is told when everything is closed.
+enum CopyStep { COPIED, FAILED, NOT_CREATED };
 
 } // namespace
 
-static void advance(Position* pPosition, U32 n) {
-    pPosition->low += n;
-    if (pPosition->low < n)
-        ++pPosition->high;
+static U32 highHalf(U64 u64Offset) {
+    return static_cast<U32>(u64Offset >> 32);
 }
 
-static void showProgress(const Position& position) {
+static U32 lowHalf(U64 u64Offset) {
+    return static_cast<U32>(u64Offset);
+}
+
+static void showProgress(U64 u64Position) {
     if (Quiet == 0)
-        displayProgress("\r[%u:%u]    ", position.high, position.low);
+        displayProgress("\r[%u:%u]    ", highHalf(u64Position), lowHalf(u64Position));
 }
 
-static bool isAtLockEnd(const Position& position) {
-    return position.high == highLockLength && position.low == lowLockLength;
-}
-
-static U64 bytes(U32 high, U32 low) {
-    return U64{high} << 32 | low;
+static U64 lockEnd() {
+    return U64{highLockLength} << 32 | lowLockLength;
 }
 
 /// Whether the position is so far in front of the lock's end that the source's last unit, which
 /// need not be full, cannot account for it.
-static bool isShortOfLock(const Position& position) {
-    return bytes(position.high, position.low) + UNIT_SIZE <= bytes(highLockLength, lowLockLength);
+static bool isShortOfLock(U64 u64Position) {
+    return u64Position + UNIT_SIZE <= lockEnd();
+}
+
+static I32 readAt(I32 s, U64 u64Position, U8* buffer, U16 amount) {
+    return manager16GbFileRead(s, highHalf(u64Position), lowHalf(u64Position), buffer, amount, 0);
 }
 
 /// Moves chunks of `maxAmt` bytes from source `ss` to destination `ds` by way of `buffer`, until a
-/// read brings less than that or a chunk ends where the lock does. 0 and the position behind the
-/// last chunk, or -1 after a message.
-static I32 transfer(I32 ss, I32 ds, U8* buffer, U16 maxAmt, Position* pEnd) {
-    Position position{};
+/// read brings less than that or a chunk ends where the lock does. The position behind the last
+/// chunk is then in *pu64Position; false after a message.
+static bool transfer(I32 ss, I32 ds, U8* buffer, U16 maxAmt, U64* pu64Position) {
+    U64 u64Position = 0;
     for (bool fMore = true; fMore;) {
-        const I32 n = manager16GbFileRead(ss, position.high, position.low, buffer, maxAmt, 0);
+        const U32 high = highHalf(u64Position), low = lowHalf(u64Position);
+        const I32 n = readAt(ss, u64Position, buffer, maxAmt);
         if (n < 0) {
             displayFailure("Error %d reading source repository.  Attempted to read %u "
                            "bytes at [%lu:%lu].",
-                           n, maxAmt, static_cast<unsigned long>(position.high),
-                           static_cast<unsigned long>(position.low));
-            return -1;
+                           n, maxAmt, static_cast<unsigned long>(high),
+                           static_cast<unsigned long>(low));
+            return false;
         }
         const U32 amount = static_cast<U32>(n);
-        if (manager16GbFileWrite(ds, position.high, position.low, buffer, amount, 0) < n) {
+        if (manager16GbFileWrite(ds, high, low, buffer, amount, 0) < n) {
             displayFailure("Error writing destination repository.");
-            return -1;
+            return false;
         }
-        advance(&position, amount);
-        if (position.low % PROGRESS_STEP == 0)
-            showProgress(position);
-        fMore = n != 0 && amount == maxAmt && !isAtLockEnd(position);
+        u64Position += amount;
+        if (u64Position % PROGRESS_STEP == 0)
+            showProgress(u64Position);
+        fMore = n != 0 && amount == maxAmt && u64Position != lockEnd();
     }
-    showProgress(position);
-    *pEnd = position;
-    return 0;
+    showProgress(u64Position);
+    *pu64Position = u64Position;
+    return true;
+}
+
+/// How the files differ behind their first `same` bytes, of which the source has `n` and the copy
+/// has `m`.
+static const char* differenceText(std::ptrdiff_t same, I32 n, I32 m) {
+    if (same == n)
+        return "copy goes on where the source ends,";
+    if (same == m)
+        return "copy ends before the source,";
+    return "copy differs from the source";
 }
 
 /// Compares the chunks of both files at the position and advances it by what is the same. 1 when
 /// more may follow, 0 at the end of both, -1 after a message.
-static I32 compareChunk(I32 ss, I32 ds, U8* source, U8* dest, U16 maxAmt, Position* pPosition) {
-    const I32 n = manager16GbFileRead(ss, pPosition->high, pPosition->low, source, maxAmt, 0);
-    const I32 m =
-        n < 0 ? n : manager16GbFileRead(ds, pPosition->high, pPosition->low, dest, maxAmt, 0);
-    if (n < 0 || m < 0) {
-        noteEnding(ENDING_FAILED, "error %d reading the %s again at [%u:%u]", std::min(n, m),
-                   n < 0 ? "source" : "copy", pPosition->high, pPosition->low);
+static I32 compareChunk(I32 ss, I32 ds, U8* source, U8* dest, U16 maxAmt, U64* pu64Position) {
+    const I32 n = readAt(ss, *pu64Position, source, maxAmt);
+    const I32 m = n < 0 ? n : readAt(ds, *pu64Position, dest, maxAmt);
+    if (m < 0) {
+        noteEnding(ENDING_FAILED, "error %d reading the %s again at [%u:%u]", m,
+                   n < 0 ? "source" : "copy", highHalf(*pu64Position), lowHalf(*pu64Position));
         return -1;
     }
-    const auto common = std::min(n, m);
-    const auto same = std::mismatch(source, source + common, dest).first - source;
-    advance(pPosition, static_cast<U32>(same));
+    const auto same = std::mismatch(source, source + std::min(n, m), dest).first - source;
+    *pu64Position += static_cast<U64>(same);
     if (same == n && same == m)
         return n != 0 ? 1 : 0; // a short answer is not yet the end
-    noteEnding(ENDING_FAILED, "the %s at [%u:%u]",
-               same == n   ? "copy goes on where the source ends,"
-               : same == m ? "copy ends before the source,"
-                           : "copy differs from the source",
-               pPosition->high, pPosition->low);
+    noteEnding(ENDING_FAILED, "the %s at [%u:%u]", differenceText(same, n, m),
+               highHalf(*pu64Position), lowHalf(*pu64Position));
     return -1;
 }
 
-/// Reads both files again, beyond the lock's end too, and compares them and then their lengths. 0
-/// when they are equal, or -1 after a message.
-static I32 verify(I32 ss, I32 ds, U8* source, U8* dest, U16 maxAmt) {
-    Position position{};
-    I32 rc;
-    while ((rc = compareChunk(ss, ds, source, dest, maxAmt, &position)) == 1)
-        if (position.low % PROGRESS_STEP == 0)
-            showProgress(position);
-    if (rc != 0)
-        return rc;
-    showProgress(position);
-    if (isShortOfLock(position)) {
-        noteEnding(ENDING_FAILED, "%u:%u of %u:%u bytes were compared", position.high, position.low,
-                   highLockLength, lowLockLength);
-        return -1;
-    }
+/// Compares what each server says of its file's length; false after a message.
+static bool verifyLengths(I32 ss, I32 ds) {
     U32 units, unitsCopied;
     if (!getUnits(ss, &units) || !getUnits(ds, &unitsCopied)) {
         noteEnding(ENDING_FAILED, "the lengths of source and copy could not be compared");
-        return -1;
+        return false;
     }
     if (units != unitsCopied) {
         noteEnding(ENDING_FAILED, "the source has %u units of 16 bytes, the copy %u", units,
                    unitsCopied);
-        return -1;
+        return false;
     }
-    return 0;
+    return true;
+}
+
+/// Reads both files again, beyond the lock's end too, and compares them and then their lengths.
+/// False after a message.
+static bool verify(I32 ss, I32 ds, U8* source, U8* dest, U16 maxAmt) {
+    U64 u64Position = 0;
+    I32 rc;
+    while ((rc = compareChunk(ss, ds, source, dest, maxAmt, &u64Position)) == 1)
+        if (u64Position % PROGRESS_STEP == 0)
+            showProgress(u64Position);
+    if (rc != 0)
+        return false;
+    showProgress(u64Position);
+    if (isShortOfLock(u64Position)) {
+        noteEnding(ENDING_FAILED, "%u:%u of %u:%u bytes were compared", highHalf(u64Position),
+                   lowHalf(u64Position), highLockLength, lowLockLength);
+        return false;
+    }
+    return verifyLengths(ss, ds);
 }
 
 /// As transfer; then verifies where that was asked for.
-static I32 copyDataUsingKXSRV(I32 ss, I32 ds, Position* pEnd) {
+static bool copyDataUsingKXSRV(I32 ss, I32 ds, U64* pu64Position) {
     const U16 maxAmt = static_cast<U16>(managerFileMaxData());
     auto* const buffer = static_cast<U8*>(std::malloc(TRANSFER_BUFFER_SIZE));
     if (buffer == nullptr) {
         displayFailure("Error allocating transfer buffer.");
-        return -1;
+        return false;
     }
     U8* const chunk = buffer + CHUNK_OFFSET;
-    I32 rc = transfer(ss, ds, chunk, maxAmt, pEnd);
-    if (rc == 0 && fVerify != 0)
-        rc = verify(ss, ds, chunk, chunk + TRANSFER_BUFFER_SIZE / 2, maxAmt);
+    bool fCopied = transfer(ss, ds, chunk, maxAmt, pu64Position);
+    if (fCopied && fVerify != 0)
+        fCopied = verify(ss, ds, chunk, chunk + TRANSFER_BUFFER_SIZE / 2, maxAmt);
     std::free(buffer);
-    return rc;
+    return fCopied;
 }
 
-/// Makes sure that the destination exists and may be written, and opens it. 0, or after a message
-/// what the copy returns; *pfOpen tells whether the destination is left open.
-static I32 openDestination(I32 ds, const CopyParams* cP, bool* pfOpen) {
+/// Makes sure that the destination exists and may be written, and opens it; *pfOpen tells whether
+/// it is left open.
+static CopyStep openDestination(I32 ds, const CopyParams* cP, bool* pfOpen) {
     *pfOpen = managerFileOpen(cP->destFile, KXSRVSourceOpenMode, ds) >= 0;
     if (*pfOpen) {
         if (cP->overwrite == 0 && confirm("WARNING: Destination file exists - overwrite") == 0) {
             displayDeclined("Copy cancelled.");
-            return 1;
+            return FAILED;
         }
         managerFileClose(ds);
         *pfOpen = false;
-    } else {
-        // Whatever kept the probe from opening it: creating the file finds out.
-        const I32 rc = managerFileCreate(cP->destFile, ds);
-        if (rc != 0) {
-            displayFailure("Destination path invalid or inaccessible.");
-            return rc;
-        }
+    } else if (managerFileCreate(cP->destFile, ds) != 0) {
+        return NOT_CREATED; // by whatever kept the probe from opening it
     }
-    const I32 rc = managerFileOpen(cP->destFile, KXSRVWriteMode, ds);
-    if (rc < 0) {
-        // With a blank and an empty line, unlike the one above: what is shown stays as it is.
+    if (managerFileOpen(cP->destFile, KXSRVWriteMode, ds) < 0) {
+        // With a blank and an empty line, unlike that of NOT_CREATED: what is shown stays as it is.
         displayFailure("Destination path invalid or inaccessible \n");
-        return rc;
+        return FAILED;
     }
     *pfOpen = true;
-    return 0;
+    return COPIED;
 }
 
-/// Copies between the two open files while the source is locked. 0, -1 when the transfer failed,
-/// or 1 when the lock or its release did. A server that answered short leaves the copy short,
-/// which is no failure to kxadmin.
-static I32 copyUnderLock(I32 ss, I32 ds) {
+/// Copies between the two open files while the source is locked. A server that answered short
+/// leaves the copy short, which is no failure to kxadmin.
+static CopyStep copyUnderLock(I32 ss, I32 ds) {
     if (lockSourceHeader(ss) != 0)
-        return 1;
-    Position end{};
-    const I32 result = copyDataUsingKXSRV(ss, ds, &end);
-    if (unlockSourceHeader(ss) != 0)
-        return 1;
-    if (result == 0 && isShortOfLock(end))
-        noteEnding(ENDING_FAILED, "%u:%u of %u:%u bytes were copied", end.high, end.low,
-                   highLockLength, lowLockLength);
-    return result;
+        return FAILED;
+    U64 u64Position = 0;
+    const bool fCopied = copyDataUsingKXSRV(ss, ds, &u64Position);
+    if (unlockSourceHeader(ss) != 0 || !fCopied)
+        return FAILED;
+    if (isShortOfLock(u64Position))
+        noteEnding(ENDING_FAILED, "%u:%u of %u:%u bytes were copied", highHalf(u64Position),
+                   lowHalf(u64Position), highLockLength, lowLockLength);
+    return COPIED;
 }
 
 /// Copies from the open source; *pfCloseDest tells whether the destination is to be closed then.
-static I32 copyToDestination(I32 ss, I32 ds, const CopyParams* cP, bool* pfCloseDest) {
-    I32 result = openDestination(ds, cP, pfCloseDest);
-    if (result == 0 && fBypassFreeSpaceChecking == 0) {
-        result = checkDestSpace(ss, ds, cP->destFile);
-        if (result != 0)
-            *pfCloseDest = false; // it is closed with its connection
+static CopyStep copyToDestination(I32 ss, I32 ds, const CopyParams* cP, bool* pfCloseDest) {
+    const CopyStep reached = openDestination(ds, cP, pfCloseDest);
+    if (reached != COPIED)
+        return reached;
+    if (fBypassFreeSpaceChecking == 0 && checkDestSpace(ss, ds, cP->destFile) != 0) {
+        *pfCloseDest = false; // it is closed with its connection
+        return FAILED;
     }
-    return result != 0 ? result : copyUnderLock(ss, ds);
+    return copyUnderLock(ss, ds);
 }
 
+/// 0, or -1 or 1 when it failed or was declined.
 static I32 copyViaKXSRV(CONNECT_PARAMS* pcpSource, CopyParams* cP) {
     displayConsoleMessage("Copying %s:%s => %s:%s", cP->sourceHost, cP->sourceFile, cP->destHost,
                           cP->destFile);
@@ -219,14 +226,16 @@ static I32 copyViaKXSRV(CONNECT_PARAMS* pcpSource, CopyParams* cP) {
     if (connectToKxsrv(&cpDest) != 0)
         return -1; // the source is closed with its connection
     bool fCloseDest;
-    const I32 result = copyToDestination(pcpSource->s, cpDest.s, cP, &fCloseDest);
+    const CopyStep reached = copyToDestination(pcpSource->s, cpDest.s, cP, &fCloseDest);
 
     managerFileClose(pcpSource->s);
-    if (fCloseDest && managerFileClose(cpDest.s) != 0 && result == 0)
+    if (fCloseDest && managerFileClose(cpDest.s) != 0 && reached == COPIED)
         noteEnding(ENDING_FAILED, "[%s] did not close the copy", cP->destHost);
     managerDisconnect(cpDest.s);
-    if (result != 0)
-        return result;
+    if (reached == NOT_CREATED)
+        displayFailure("Destination path invalid or inaccessible.");
+    if (reached != COPIED)
+        return 1;
     recordEnding(ENDING_DONE);
     if (Quiet == 0)
         displayConsoleMessage("\nRepository %s:%s copied to %s:%s.", cP->sourceHost, cP->sourceFile,

@@ -5,6 +5,7 @@
 #include "front/settings.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -26,26 +27,33 @@ I32 connectToKxsrv(CONNECT_PARAMS* pcp) {
     return 0;
 }
 
-/// Reads one line whole and keeps of it what `junk` holds; its length is how much that is. False
-/// when there is none. It reads byte by byte so that neither the line nor what follows it stays in
-/// a stream's buffer.
-static bool readLine(int fd, char (&junk)[512], std::size_t* pLength) {
+enum LineRead { LINE_READ, LINE_MISSING, LINE_FAILED };
+
+/// Reads one line whole and keeps of it what `junk` holds; its length is how much that is. There is
+/// none at the end of input; a failure leaves errno. It reads byte by byte so that neither the line
+/// nor what follows it stays in a stream's buffer.
+static LineRead readLine(int fd, char (&junk)[512], std::size_t* pLength) {
     std::size_t length = 0;
     char c = '\0';
-    while (read(fd, &c, 1) == 1 && c != '\n') {
+    ssize_t n;
+    while ((n = read(fd, &c, 1)) == 1 && c != '\n') {
         if (length < sizeof junk)
             junk[length++] = c;
         else if (fd != STDIN_FILENO)
             break; // nothing behind it is wanted of a file, which may never end
     }
     *pLength = length;
-    return length != 0 || c == '\n';
+    if (length != 0 || c == '\n')
+        return LINE_READ;
+    return n < 0 ? LINE_FAILED : LINE_MISSING;
 }
 
 /// Asks for the password with the terminal's echo off, and stores it. The length is that of what
 /// was typed, which may be more than a password can have; false when the input has ended.
 static bool promptForPassword(PasswordStruct* passwd, std::size_t* pLength) {
     restoreEchoOnSignals();
+    // The shell that ^Z gives the terminal to switches its echo on again, and fg leaves it so.
+    const auto onStop = std::signal(SIGTSTP, SIG_IGN);
     // The blank in front of the colon is what it has always said.
     if (ServerType == SERVER_TYPE_KXSRV || ServerType == SERVER_TYPE_PXSRV)
         printTo(stdout, "Enter the password for the account used to start %s: ",
@@ -53,30 +61,38 @@ static bool promptForPassword(PasswordStruct* passwd, std::size_t* pLength) {
     setTerminalEcho(false);
     char junk[512];
     std::size_t lineLength;
-    const bool fAnswered = readLine(STDIN_FILENO, junk, &lineLength);
+    const bool fAnswered = readLine(STDIN_FILENO, junk, &lineLength) == LINE_READ;
     *pLength = textLength(junk, lineLength); // a password ends at a NUL
     storeCutText(passwd->name, junk, *pLength);
     explicit_bzero(junk, sizeof junk);
     printTo(stdout, "\n\n");
     setTerminalEcho(true);
+    std::signal(SIGTSTP, onStop);
     return fAnswered;
 }
 
-/// Opens the file of a password that nobody else can read or change; -1 after a message.
+static void notePasswordFile(const char* pszFile, const char* pszWrong) {
+    noteEnding(ENDING_MISUSED, "password file %s: %s", pszFile, pszWrong);
+}
+
+/// Opens the file of a password, which others may neither read nor change; its group may. -1 after
+/// a message.
 static int openPasswordFile(const char* pszFile) {
-    if (std::strcmp(pszFile, "-") == 0)
-        return STDIN_FILENO;
+    if (std::strcmp(pszFile, "-") == 0) {
+        if (isatty(STDIN_FILENO) == 0)
+            return STDIN_FILENO;
+        notePasswordFile(pszFile, "a terminal would show it");
+        return -1;
+    }
     const int fd = open(pszFile, O_RDONLY | O_CLOEXEC);
     struct stat status;
-    if (fd < 0 || fstat(fd, &status) != 0) {
-        noteEnding(ENDING_MISUSED, "password file %s: %s", pszFile, std::strerror(errno));
-    } else if (S_ISDIR(status.st_mode)) {
-        noteEnding(ENDING_MISUSED, "password file %s: %s", pszFile, std::strerror(EISDIR));
-    } else if ((status.st_mode & S_IRWXO) != 0 && !S_ISCHR(status.st_mode)) {
-        noteEnding(ENDING_MISUSED, "password file %s: others may read or change it", pszFile);
-    } else {
+    if (fd < 0 || fstat(fd, &status) != 0)
+        notePasswordFile(pszFile, std::strerror(errno));
+    else if ((status.st_mode & S_IRWXO) != 0 && !S_ISCHR(status.st_mode) &&
+             !S_ISDIR(status.st_mode)) // which reading it tells
+        notePasswordFile(pszFile, "others may read or change it");
+    else
         return fd;
-    }
     if (fd >= 0)
         close(fd);
     return -1;
@@ -88,20 +104,23 @@ I32 readPasswordFile(const char* pszFile, PasswordStruct* passwd) {
         return -1;
     char junk[512];
     std::size_t length;
-    readLine(fd, junk, &length);
+    const char* pszWrong = nullptr;
+    if (readLine(fd, junk, &length) == LINE_FAILED)
+        pszWrong = std::strerror(errno);
+    else if (length == 0)
+        pszWrong = "its first line is empty";
+    else if (length > MAX_PASSWORD)
+        pszWrong = "its first line is too long for a password";
+    else if (textLength(junk, length) != length)
+        pszWrong = "its first line is no text";
+    else
+        storeCutText(passwd->name, junk, length);
+    explicit_bzero(junk, sizeof junk);
     if (fd != STDIN_FILENO)
         close(fd);
-    const bool fUsable =
-        length != 0 && length <= MAX_PASSWORD && textLength(junk, length) == length;
-    if (fUsable)
-        storeCutText(passwd->name, junk, length);
-    else
-        noteEnding(ENDING_MISUSED, "password file %s: its first line is %s", pszFile,
-                   length == 0             ? "empty"
-                   : length > MAX_PASSWORD ? "too long for a password"
-                                           : "no text");
-    explicit_bzero(junk, sizeof junk);
-    return fUsable ? 0 : -1;
+    if (pszWrong != nullptr)
+        notePasswordFile(pszFile, pszWrong);
+    return pszWrong == nullptr ? 0 : -1;
 }
 
 I32 verifyPassword(CONNECT_PARAMS* pcp, PasswordStruct* passwd) {

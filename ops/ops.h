@@ -12,7 +12,8 @@
 I32 connectToKxsrv(CONNECT_PARAMS* pcp);
 
 /// Takes the first line of the file, or of standard input for "-", as the password. 0, or -1 after
-/// a message: others may read the file, or its line is empty, too long or holds a NUL.
+/// a message: it cannot be read, others may read or change it, standard input is a terminal, which
+/// would show it, or its line is empty, too long or holds a NUL.
 I32 readPasswordFile(const char* pszFile, PasswordStruct* passwd);
 
 /// Proves the administrator's right to the server: with the password of `passwd`, or else with one
@@ -61,6 +62,10 @@ I32 OperationCopy(CONNECT_PARAMS* pcp, PasswordStruct* passwd, CopyParams* cP);
 
 // bench (bench.cpp).
 
-/// Measures reads of 1024 bytes up to `largestChunkSize`, of each size `sweepSize` bytes or a
-/// little more at each of 8 offsets, into the results file. Always 0.
+/// Bounds of its request sizes, in bytes.
+inline constexpr I32 BENCH_FIRST_SIZE = 1024;
+inline constexpr I32 BENCH_LAST_SIZE = 36864;
+
+/// Measures reads of BENCH_FIRST_SIZE bytes up to `largestChunkSize`, of each size `sweepSize`
+/// bytes or a little more at each of 8 offsets, into the results file. Always 0.
 I32 OperationBench(CONNECT_PARAMS* pcp, U32 sweepSize, I32 largestChunkSize, const char* benchLog);

@@ -24,9 +24,9 @@ void leaveNoCore() {
     if (prlimit(0, RLIMIT_CORE, nullptr, &coreLimit) != 0)
         return;
     // One byte, not none: a limit of 0 does not keep the kernel from handing the dump to a program
-    // that collects them. Who has set it to 0 has left that to the collector.
+    // that collects them.
     rlimit limit = coreLimit;
-    limit.rlim_cur = std::min<rlim_t>(limit.rlim_cur, 1);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 1);
     prlimit(0, RLIMIT_CORE, &limit, nullptr);
 }
 
@@ -60,70 +60,72 @@ static void addChildren(pid_t parent, pid_t (&family)[N], std::size_t* pCount) {
     const ssize_t length = fd < 0 ? 0 : read(fd, szText, sizeof szText - 1);
     if (fd >= 0)
         close(fd);
-    if (length <= 0)
-        return;
-    szText[length] = '\0';
+    // A blank stands behind each; what is behind the last one may be the head of a number.
+    std::size_t whole = static_cast<std::size_t>(std::max<ssize_t>(length, 0));
+    while (whole > 0 && szText[whole - 1] != ' ')
+        --whole;
+    szText[whole] = '\0';
     char* psz = szText;
     for (long pid; *pCount < N && (pid = std::strtol(psz, &psz, 10)) > 0;)
         family[(*pCount)++] = static_cast<pid_t>(pid);
 }
 
-// The children that whoever has become us had before: they are none of the command's.
-static pid_t inherited[64];
-static std::size_t inheritedCount = 0;
-
-static bool isInherited(pid_t child) {
-    pid_t* const pEnd = inherited + inheritedCount;
-    return std::find(inherited, pEnd, child) != pEnd;
-}
-
-/// Passes the signal on to all that the command has started and left to us, since a shell that
-/// waits does not; to parents first, which could otherwise start the next thing. One that is
-/// stopped is woken to take it. Returns how many got it: none where there is no /proc to tell.
-static std::size_t signalDescendants(int iSignal) {
+/// Passes the signal on to all that `root` has started, and to `root` if that is not us, since a
+/// shell that waits does not; to parents first, which could otherwise start the next thing. One
+/// that is stopped is woken to take it. Returns how many got it.
+static int signalFamily(pid_t root, int iSignal) {
     static pid_t family[1024];
-    std::size_t count = 0;
-    addChildren(getpid(), family, &count);
-    count = static_cast<std::size_t>(std::remove_if(family, family + count, isInherited) - family);
+    family[0] = root;
+    std::size_t count = 1;
     for (std::size_t i = 0; i < count; ++i)
         addChildren(family[i], family, &count);
-    for (std::size_t i = 0; i < count; ++i) {
-        kill(family[i], iSignal);
-        kill(family[i], SIGCONT);
-    }
-    return count;
+    int taken = 0;
+    for (std::size_t i = 0; i < count; ++i)
+        if (family[i] != getpid() && kill(family[i], iSignal) == 0) {
+            kill(family[i], SIGCONT);
+            ++taken;
+        }
+    return taken;
 }
 
 /// Takes an interruption, of which one that ends kxadmin is not forgotten for another, and passes
 /// it on to the running command. What the terminal has sent the command has had itself, but for the
 /// hang-up, which only the first process of a session gets.
-static void takeInterruption(pid_t command, const siginfo_t& info) {
+static void takeInterruption(const siginfo_t& info, pid_t command, pid_t root) {
     if (EndingSignal != SIGHUP && EndingSignal != SIGTERM)
         EndingSignal = info.si_signo;
     const bool fOurs = info.si_code <= 0 || info.si_signo == SIGHUP;
-    if (fOurs && signalDescendants(info.si_signo) == 0)
-        kill(command, info.si_signo);
+    if (command > 0 && fOurs && signalFamily(root, info.si_signo) == 0)
+        kill(command, info.si_signo); // there is no /proc that tells
 }
 
 /// Waits for the command, whose interruptions and SIGCHLD are in `signals`. After an interruption
-/// it ends what the command has left behind, and waits for that too. Returns the command's status.
-static int awaitCommand(pid_t command, const sigset_t& signals) {
+/// it ends what the command has left behind below `root`, and waits for that too, until it is
+/// interrupted again. Returns the command's status.
+static int awaitCommand(pid_t command, pid_t root, const sigset_t& signals) {
     int status = -1;
-    for (bool fEnded = false;;) {
+    for (bool fAgain = false;;) {
         int ended;
         pid_t pid;
         while ((pid = waitpid(-1, &ended, WNOHANG)) > 0)
             if (pid == command) {
                 status = ended;
-                fEnded = true;
+                command = 0;
             }
-        if (fEnded && (EndingSignal == 0 || signalDescendants(SIGTERM) == 0))
+        if (command == 0 && (EndingSignal == 0 || fAgain || signalFamily(root, SIGTERM) == 0))
             return status;
         siginfo_t info;
         const int iSignal = sigwaitinfo(&signals, &info);
-        if (iSignal > 0 && iSignal != SIGCHLD && !fEnded)
-            takeInterruption(command, info);
+        if (iSignal > 0 && iSignal != SIGCHLD) {
+            fAgain = command == 0;
+            takeInterruption(info, command, root);
+        }
     }
+}
+
+static bool hasChildren() {
+    siginfo_t info;
+    return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
 }
 
 /// As system(), of which it differs by what it does with signals: one that would end us meanwhile
@@ -134,10 +136,13 @@ static int runCommand(const char* szCmd) {
     sigprocmask(SIG_BLOCK, &signals, &signalsBefore);
     // Where we have inherited it ignored, the command's status would be lost.
     setSignalHandler(SIGCHLD, SIG_DFL);
-    prctl(PR_SET_CHILD_SUBREAPER, 1); // what a killed shell leaves behind comes to us
-    addChildren(getpid(), inherited, &inheritedCount);
+    // What a killed shell leaves behind comes to us, unless a shell that has become us has left us
+    // children of its own: theirs would come too.
+    const bool fAdopts = !hasChildren();
+    if (fAdopts)
+        prctl(PR_SET_CHILD_SUBREAPER, 1);
     const pid_t command = startShell(szCmd, restoreState);
-    const int rc = command < 0 ? -1 : awaitCommand(command, signals);
+    const int rc = command < 0 ? -1 : awaitCommand(command, fAdopts ? getpid() : command, signals);
     sigprocmask(SIG_SETMASK, &signalsBefore, nullptr);
     return rc;
 }

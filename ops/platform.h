@@ -9,9 +9,9 @@
 void leaveNoCore();
 
 /// Copies by the administrator's command, run here while the source is locked on its server.
-/// Returns the command's status, also when the unlock after it failed; 1 when the command line is
-/// too long or the source cannot be opened, -1 when it cannot be locked. A signal that would end
-/// the process meanwhile goes to the command, whose end is awaited, and then into EndingSignal.
+/// Returns 0 when the command succeeded, also when the unlock after it failed; else not 0. A signal
+/// that would end the process meanwhile goes to the command, whose end is awaited, and then into
+/// EndingSignal.
 I32 copyViaOS(CONNECT_PARAMS* pcp, CopyParams* cP);
 
 /// Creates the report file, or empties an existing one and says so; null when neither can be done.

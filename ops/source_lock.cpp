@@ -108,9 +108,9 @@ I32 checkDestSpace(I32 s, I32 d, const char* dest) {
         return -1;
     }
     // Blocks smaller than a unit are counted by 16: none of them would hold a whole unit.
-    const bool fSmallBlocks = bytesPerBlock < 16;
+    const bool fSmallBlocks = bytesPerBlock < UNIT_SIZE;
     const U32 available = fSmallBlocks ? freeBlocks / 16 : freeBlocks;
-    const U32 needed = units / (fSmallBlocks ? bytesPerBlock : bytesPerBlock / 16);
+    const U32 needed = units / (fSmallBlocks ? bytesPerBlock : bytesPerBlock / UNIT_SIZE);
     if (available > needed)
         return 0;
 
