@@ -41,7 +41,6 @@ kxadmin stat one.host o|
 kxadmin test -f p|pass.word
 kxadmin-strict --|--help --password-file --progress --tries --verify --version
 kxadmin-strict --password-file p|pass.word
-kxadmin-strict --password-file=p|pass.word
 kxadmin-strict --tries=3|3 30
 kxadmin-strict --tries 2 --password-file=x sta|stat
 kxadmin-strict --verify --tries 2 copy -Z |99

@@ -5,9 +5,9 @@
 #include "tests/run_program.h"
 #include "tests/scripted_server.h"
 
+#include <atomic>
 #include <csignal>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <thread>
 #include <unistd.h>
 
@@ -32,39 +32,42 @@ TEST(Connect, SetsItsSocketUp) {
     EXPECT_EQ(socketConnectToHost("256.0.0.1", port), -4);
 }
 
+static std::atomic<bool> fCut;
+
 /// What ^Z and fg do in the middle of a write: the send comes back with a part of it.
 TEST(Connect, SendsTheRestThatASignalKeptBack) {
-    string bytes;
-    for (int i = 0; i < 400000; ++i)
-        bytes += static_cast<char>(i * 31 + i / 251);
-    for (const I32 first : {24, 399976}) { // cut in the one part and in the other
+    const struct {
+        Name name;
+        I32 first; // bytes of the first part
+    } rows[] = {{"cut in the first part", 399976}, {"cut in the second part", 24}};
+    const string bytes = repository(400000);
+    forEachRow(rows, [&](const auto& row) {
         int ends[2];
         const int iSize = 8192;
-        const itimerval often{{0, 500}, {0, 500}}, never{};
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
         setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &iSize, sizeof iSize);
-        sigset_t alarm;
-        sigemptyset(&alarm);
-        sigaddset(&alarm, SIGALRM);
-        pthread_sigmask(SIG_BLOCK, &alarm, nullptr); // for the slow reader
+        fCut = false;
+        const auto before = std::signal(SIGALRM, [](int) { fCut = true; });
         string received;
-        std::thread reader([&] {
+        std::thread reader([&, sender = pthread_self()] {
+            // Some of it is here and has left no room for the rest: the send waits. It comes back
+            // when the signal does.
+            SocketPeek(ends[1]);
+            for (pthread_kill(sender, SIGALRM); !fCut;)
+                usleep(1000);
             char chunk[4096];
-            for (ssize_t n; (n = read(ends[1], chunk, sizeof chunk)) > 0; usleep(300))
+            for (ssize_t n; (n = read(ends[1], chunk, sizeof chunk)) > 0;)
                 received.append(chunk, static_cast<std::size_t>(n));
         });
-        const auto before = std::signal(SIGALRM, [](int) {});
-        pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
-        setitimer(ITIMER_REAL, &often, nullptr);
-        const char* const pMore = bytes.data() + first;
-        EXPECT_EQ(socketSendBuffers(ends[0], bytes.data(), first, pMore, 400000 - first), 400000);
-        setitimer(ITIMER_REAL, &never, nullptr);
-        std::signal(SIGALRM, before);
-        close(ends[0]);
+        const char* const pMore = bytes.data() + row.first;
+        EXPECT_EQ(socketSendBuffers(ends[0], bytes.data(), row.first, pMore, 400000 - row.first),
+                  400000);
+        socketClose(ends[0]);
         reader.join();
-        close(ends[1]);
-        EXPECT_TRUE(received == bytes) << "cut in a part of " << first << " bytes";
-    }
+        socketClose(ends[1]);
+        std::signal(SIGALRM, before);
+        expectText(bytes, received);
+    });
 }
 
 /// What is said of the first attempts out of `all`.

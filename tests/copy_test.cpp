@@ -19,7 +19,7 @@ struct CopyScene {
     /// What is asked once the two servers are known, and said before the copy's own messages.
     string trace() {
         const string all = server.trace();
-        EXPECT_EQ(all.substr(0, connects.size()), connects);
+        expectText(connects, all.substr(0, connects.size()));
         return all.substr(std::min(all.size(), connects.size()));
     }
     const string connects = "source ADDRESS\nsource TYPE\nsource LIMIT\nsource VERSION\n"
@@ -63,37 +63,40 @@ TEST(Copy, CopiesThroughTheServers) {
                           "has 0 blocks available\n\twhere 1 block = 4096 bytes\n\n";
     const string goOn = "Do you wish to continue (Y/N)?\n";
     // clang-format off
-    const struct {
-        Name name;
-        string modifiers, input, output;
+    struct Setting {
         std::size_t old = 0; // bytes of the destination that is there
         U32 freeBlocks = 1;
         bool fCopied = true;
+    };
+    const struct {
+        Name name;
+        string modifiers, input, output;
+        Setting with = {};
     } rows[] = {
         {"to a new file", "", "", whole},
-        {"without a look at the room", "-b", "", whole, 0, 0},
-        {"over a file", "", "y\n", question + whole, 3000},
-        {"over a file, unasked", "-o", "", whole, 3000},
-        {"over a file, without a word", "-q", "x\ny\n", question + question + locked, 9},
-        {"not over a file", "", "N", question + "Copy cancelled.\n", 9, 1, false},
-        {"without room", "", "y\n", noRoom + goOn + whole, 0, 0},
-        {"without room and a word", "-q", "", noRoom + locked, 0, 0},
-        {"not without room", "", "n\n", noRoom + goOn, 0, 0, false},
+        {"without a look at the room", "-b", "", whole, {.freeBlocks = 0}},
+        {"over a file", "", "y\n", question + whole, {.old = 3000}},
+        {"over a file, unasked", "-o", "", whole, {.old = 3000}},
+        {"over a file, without a word", "-q", "x\ny\n", question + question + locked, {.old = 9}},
+        {"not over a file", "", "N", question + "Copy cancelled.\n", {.old = 9, .fCopied = false}},
+        {"without room", "", "y\n", noRoom + goOn + whole, {.freeBlocks = 0}},
+        {"without room and a word", "-q", "", noRoom + locked, {.freeBlocks = 0}},
+        {"not without room", "", "n\n", noRoom + goOn, {.freeBlocks = 0, .fCopied = false}},
     };
     // clang-format on
     forEachRow(rows, [](const auto& row) {
         CopyScene scene;
-        scene.server.dest.freeBlocks = row.freeBlocks;
-        const string old(row.old, 'o');
+        scene.server.dest.freeBlocks = row.with.freeBlocks;
+        const string old(row.with.old, 'o');
         string source = repository(2000), &copy = scene.server.dest.files["b:1"];
         copy = old;
-        if (row.old == 0)
+        if (old.empty())
             scene.server.dest.files.clear();
         const RunResult run = scene.copy(row.modifiers, row.input);
         expectText(connected + "Copying 127.0.0.1:a.rep => 127.0.0.2:b:1\n" + row.output, run.out);
-        expectText(row.fCopied && row.modifiers != "-q" ? "\r[0:2000]    " : "", run.err);
+        expectText(row.with.fCopied && row.modifiers != "-q" ? "\r[0:2000]    " : "", run.err);
         source += old.substr(std::min(source.size(), old.size()));
-        expectText(row.fCopied ? source : old, scene.server.dest.files["b:1"]);
+        expectText(row.with.fCopied ? source : old, scene.server.dest.files["b:1"]);
     });
 }
 
@@ -131,13 +134,11 @@ TEST(Copy, TellsWhichStepFailed) {
     const string notUnlocked = "Attempt to unlock repository failed.\n";
     // clang-format off
     const struct {
-        Name name;           // the request that is refused
+        Name name;      // the request that is refused
         string message; // the last that is said
-        int nth = 1;         // of those requests
+        int nth = 1;    // of those requests
         string modifiers = "";
     } rows[] = {
-        {"source LIMIT", "\nConnected to source server\n"},
-        {"source VERSION", "\nConnected to source server\n"},
         {"source OPEN 66 a.rep", inaccessible + invalid},
         {"source READ 0 256", "Error reading source repository.\n" + invalid},
         {"source OPEN 66 a.rep", inaccessible, 2},
@@ -171,30 +172,28 @@ TEST(Copy, TellsWhichStepFailed) {
 
 TEST(Copy, CopiesEverySizeAtEveryLimit) {
     const struct {
-        U32 limit, size;
+        Name name;
+        U32 size, limit;
         string progress; // before the last
     } rows[] = {
-        {272, 0, "\r[0:0]    "},
-        {272, 272, ""},
-        {4096, 4095, ""},
-        {4096, 8192, ""},
-        {4096, 8208, ""},
-        {32768, 16384, "\r[0:16384]    "},
-        {32768, 65552, "\r[0:32768]    \r[0:65536]    "},
+        {"nothing", 0, 272, "\r[0:0]    "},
+        {"what one write takes", 272, 272, ""},
+        {"enough to tell of it", 16384, 32768, "\r[0:16384]    "},
+        {"enough for two to be told of", 65552, 32768, "\r[0:32768]    \r[0:65536]    "},
     };
-    for (const auto& [limit, size, progress] : rows) {
-        SCOPED_TRACE(testing::Message() << size << " bytes at a limit of " << limit);
-        CopyScene scene(repository(size));
+    forEachRow(rows, [](const auto& row) {
+        CopyScene scene(repository(row.size));
         scene.server.source.dataLimit = 32768;
-        scene.server.dest.dataLimit = limit;
+        scene.server.dest.dataLimit = row.limit;
         // A header of its own for the check, which some sizes are too small to pass.
         scene.server.on(REQUEST_FILE_READ, {reply(0, repository(256))});
-        EXPECT_EQ(scene.copy("-b").err, progress + "\r[0:" + std::to_string(size) + "]    ");
-        expectText(repository(size), scene.server.dest.files["b:1"]);
-        const long chunks = std::max(1U, (size + limit - 1) / limit);
+        expectText(row.progress + "\r[0:" + std::to_string(row.size) + "]    ",
+                   scene.copy("-b").err);
+        expectText(repository(row.size), scene.server.dest.files["b:1"]);
+        const long chunks = std::max(1U, (row.size + row.limit - 1) / row.limit);
         const string trace = scene.trace();
-        EXPECT_EQ(std::count(trace.begin(), trace.end(), '\n'), 18 + 2 * chunks);
-    }
+        EXPECT_EQ(std::count(trace.begin(), trace.end(), '\n'), 18 + 2 * chunks) << trace;
+    });
 }
 
 /// What the source says of its size, in units of 16 bytes, one after the other.
@@ -206,27 +205,27 @@ static std::vector<Answer> units(const std::vector<U32>& counts) {
 }
 
 TEST(Copy, CountsRoomInBlocksOfTheDestination) {
+    const string size = "Source file size ";
     const struct {
         Name name;
         U32 units, freeBlocks, bytesPerBlock;
-        string blocks; // of the source, where they do not fit
+        string warning = "";
     } rows[] = {
-        {"as many blocks as are free", 512, 2, 4096, " 2 blocks"},
-        {"a block less", 767, 3, 4096, ""},
-        {"smaller blocks than a unit", 64, 79, 15, " 4 blocks"},
-        {"the same, one more", 64, 80, 15, ""},
-        {"more than a sign leaves", 0xC0000000, 5, 16, " -1073741824 blocks"},
+        {"as many blocks as are free", 512, 2, 4096, size + "2 blocks"},
+        {"a block less", 767, 3, 4096},
+        {"smaller blocks than a unit", 64, 79, 15, size + "4 blocks"},
+        {"the same, one more", 64, 80, 15},
+        {"more than a sign leaves", 0xC0000000, 5, 16, size + "-1073741824 blocks"},
     };
-    forEachRow(rows, [](const auto& row) {
+    forEachRow(rows, [&](const auto& row) {
         CopyScene scene;
         scene.server.dest.freeBlocks = row.freeBlocks;
         scene.server.dest.bytesPerBlock = row.bytesPerBlock;
         scene.server.on(REQUEST_16GB_FILE_GET_EOF, units({row.units, 1}));
         scene.server.on(REQUEST_16GB_LARGE_LOCK, {reply(5)}); // the end, where there is room
-        const string out = scene.copy("", "n\n").out, warning = "Source file size";
-        const std::size_t at = std::min(out.size(), out.find(warning) + warning.size());
-        EXPECT_EQ(out.find(warning) == out.npos ? "" : out.substr(at, out.find('.', at) - at),
-                  row.blocks);
+        const string out = scene.copy("", "n\n").out;
+        const std::size_t at = std::min(out.find(size), out.size());
+        expectText(row.warning, out.substr(at, std::min(out.find('.', at), out.size()) - at));
     });
 }
 

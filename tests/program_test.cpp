@@ -3,8 +3,6 @@
 #include "tests/run_program.h"
 #include "tests/scripted_server.h"
 
-using namespace std::string_literals;
-
 TEST(Program, ShowsItsUsage) {
     const RunResult run = runProgram(KXADMIN_PROGRAM, {});
     EXPECT_EQ(run.status, 1);
@@ -46,9 +44,9 @@ TEST(Program, TakesItsLocaleFromTheEnvironment) {
     const RunResult run =
         runProgram(KXADMIN_PROGRAM, {}, {{"LC_ALL", ""}, {"LANG", "C"}, {"LC_CTYPE", "C.UTF-8"}});
     // Cut to what the banner's line has room for.
-    EXPECT_EQ(run.out.substr(run.out.find("Locale"), 99),
-              "Locale: LC_CTYPE=C.UTF-8;LC_NUMERIC=C;LC_TIME=C;LC_COLLATE=C;LC_MONETARY=C;"
-              "LC_MESSAGES=C;LC_ (MBCS)");
+    expectText("Locale: LC_CTYPE=C.UTF-8;LC_NUMERIC=C;LC_TIME=C;LC_COLLATE=C;LC_MONETARY=C;"
+               "LC_MESSAGES=C;LC_ (MBCS)",
+               run.out.substr(std::min(run.out.find("Locale"), run.out.size()), 99));
 }
 
 TEST(Program, ShowsItsUsageToWhoIsNotUnderstood) {
@@ -91,7 +89,7 @@ TEST(Program, ShowsItsUsageToWhoIsNotUnderstood) {
         expectText(row.err, run.err);
         EXPECT_EQ(run.status, 1);
     });
-    EXPECT_EQ(server.trace(), "");
+    expectText("", server.trace());
 }
 
 TEST(Program, RefusesValues) {
@@ -123,7 +121,7 @@ TEST(Program, RefusesValues) {
         expectText(row.out, run.out + run.err);
         EXPECT_EQ(run.status, row.status);
     });
-    EXPECT_EQ(server.trace(), "");
+    expectText("", server.trace());
 }
 
 namespace {
@@ -153,7 +151,7 @@ static const string bye = "DISCONNECT\n";
 static const Answer no = reply(5, "no"), pxsrv = reply(0, be32(1));
 
 TEST(Program, ShowsTheServersTexts) {
-    const string statistics = "STATISTICS\n" + bye, full(32768, '%');
+    const string statistics = "STATISTICS\n" + bye;
     const string onPxsrv = "Supported PXSRV commands are OPTS and STOP only.\n";
     const string none = "Connection 3 is not active, could not get ";
     string all;
@@ -161,15 +159,12 @@ TEST(Program, ShowsTheServersTexts) {
         all += static_cast<char>(c);
     // clang-format off
     const Command rows[] = {
-        {"STATISTICS -q", open + "up\r\n100%s\r\n" + line, statistics,
-         {{13, reply(0, "up\n100%s\n")}}},
         {"stat # every byte", open + string(all).insert(9, "\r") + line, statistics,
          {{13, reply(0, all)}}},
-        {"stat # up to a NUL", open + "a" + line, statistics, {{13, reply(0, "a\0b"s)}}},
         {"stat", open + "Failed receiving statistics.\n", statistics, {{13, no}}},
         {"stat # without a data limit", "", "", {{9, reply(0, be32(0))}}},
-        {"Logs 127.0.0.1 ignored", open + "one\r\ntwo" + line, "CONNECTIONS\n" + bye,
-         {{14, reply(2, "one\ntwo")}}},
+        {"Logs 127.0.0.1 ignored", open + "100%s\r\ntwo" + line, "CONNECTIONS\n" + bye,
+         {{14, reply(2, "100%s\ntwo")}}},
         {"list # of a server that counts none", open + line, "CONNECTIONS\n" + bye,
          {{14, reply(0)}}},
         {"list 127.0.0.1", open + "Could not get connection list on 127.0.0.1.\n",

@@ -48,8 +48,9 @@ static void expectMessage(const string& onPage, const string& message) {
 
 TEST(ProtocolPage, ItsTranscriptsAreTrue) {
     const string file = KX_SOURCE_DIR "/docs/protocol.md", page = readFile(file);
-    const string start = matches(page, "```sh\n([^`]*)```").at(0).str(1);
-    Sandbox sandbox("", start);
+    const auto starts = matches(page, "```sh\n([^`]*)```");
+    ASSERT_EQ(starts.size(), 1U) << "blocks that start the sandbox";
+    Sandbox sandbox("", starts[0].str(1));
     std::map<string, std::unique_ptr<Peer>> peers; // by name
     std::set<U32> codes;
     for (const auto& block : matches(page, "```wire\n([^`]*)```")) {
@@ -66,6 +67,7 @@ TEST(ProtocolPage, ItsTranscriptsAreTrue) {
                 peer = std::make_unique<Peer>(sandbox);
             if (found[2] == ">") {
                 const string hexadecimal = bytesOf(message);
+                ASSERT_EQ(hexadecimal.find_first_not_of("0123456789abcdef"), string::npos);
                 string bytes;
                 for (std::size_t i = 0; i < hexadecimal.size(); i += 2)
                     bytes += static_cast<char>(std::stoi(hexadecimal.substr(i, 2), nullptr, 16));

@@ -31,7 +31,8 @@ blocks() {
 left_out=
 while IFS= read -r line; do
     case $line in
-    '$ scripts/'* | '$ cmake '* | '$ ctest '* | '$ cpack '* | '$ sudo '* | '$ apt'* | '$ dpkg '* | '$ dnf '*)
+    '$ scripts/'* | '$ cmake '* | '$ ctest '* | '$ cpack '* | '$ sudo '* | '$ apt'* | \
+        '$ dpkg '* | '$ dnf '*)
         echo "Left out, it builds or installs: ${line#'$ '}"
         left_out=1
         ;;

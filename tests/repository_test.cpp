@@ -53,7 +53,7 @@ TEST(Repository, IsJudgedOnTheConsoleAndInTheReport) {
             expectText(fReport ? "" : "[banner]\n" + console, run.out + run.err);
             expectText(fReport ? row.code + report : "(none)", scratch.read("report"));
             const string read = row.opened == 0 ? "READ 0 1280\nCLOSE\n" : "";
-            EXPECT_EQ(server.trace(), hello + "OPEN 66 /a.rep\n" + read + "DISCONNECT\n");
+            expectText(hello + "OPEN 66 /a.rep\n" + read + "DISCONNECT\n", server.trace());
         }
     });
 }
