@@ -1,6 +1,39 @@
 #include "tests/expect.h"
 
 #include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <unistd.h>
+
+static const char* const pszChosen = std::getenv("KX_ROW");
+static bool fFound = pszChosen == nullptr;
+
+namespace {
+
+struct AfterAllTests : testing::Environment {
+    void TearDown() override {
+        EXPECT_TRUE(fFound) << "no row of these tests has KX_ROW in its name: " << pszChosen;
+    }
+};
+
+} // namespace
+
+static const auto* const afterAllTests = testing::AddGlobalTestEnvironment(new AfterAllTests);
+
+bool isChosen(const Name& name) {
+    const bool fChosen = pszChosen == nullptr || name.text.find(pszChosen) != string::npos;
+    fFound = fFound || fChosen;
+    return fChosen;
+}
+
+void eventually(const std::function<bool()>& condition, const string& words) {
+    using namespace std::chrono;
+    for (const auto end = steady_clock::now() + minutes(1); !condition(); usleep(1000))
+        if (steady_clock::now() > end) {
+            ADD_FAILURE() << "not within a minute: " << words;
+            return;
+        }
+}
 
 /// The line at that place, as a string literal; of a long one what surrounds the place.
 static string lineAt(const string& text, std::size_t at) {

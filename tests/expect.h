@@ -1,10 +1,10 @@
 // How a test says what broke: a row of a table by its name and line, a text by its first line that
-// differs.
+// differs, a wait in vain by what was waited for.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include <functional>
 #include <string>
 
 using std::string;
@@ -18,17 +18,24 @@ struct Name {
     int line;
 };
 
-/// Runs the test on the rows one by one, under their names. With KX_ROW set, only on those that
-/// have it in their names.
+/// Whether KX_ROW, if it is set, is in the name. A run that chooses no row fails.
+bool isChosen(const Name& name);
+
+/// Runs the test on the chosen rows one by one, under their names.
 template<class Rows, class Test> void forEachRow(const Rows& rows, const Test& test) {
-    const char* const pszOnly = std::getenv("KX_ROW");
-    for (const auto& row : rows) {
-        if (pszOnly != nullptr && row.name.text.find(pszOnly) == string::npos)
-            continue;
-        const testing::ScopedTrace trace(row.name.file, row.name.line, row.name.text);
-        test(row);
-    }
+    bool fAny = false;
+    for (const auto& row : rows)
+        if (isChosen(row.name)) {
+            const testing::ScopedTrace trace(row.name.file, row.name.line, row.name.text);
+            test(row);
+            fAny = true;
+        }
+    if (!fAny)
+        GTEST_SKIP() << "no row has KX_ROW in its name";
 }
+
+/// Waits until the condition holds. Fails after a minute, lest a test hangs.
+void eventually(const std::function<bool()>& condition, const string& words);
 
 /// Expects the text; if it is another, tells the first line that differs.
 void expectText(const string& expected, const string& got, const char* pszFile = __builtin_FILE(),

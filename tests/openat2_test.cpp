@@ -34,14 +34,12 @@ TEST(Sandbox, TellsThatOpenat2CannotBeCalled) {
         {"forbidden", EPERM, "a filter of system calls, as of a container, forbids openat2"},
     };
     forEachRow(rows, [](const auto& row) {
-        bool fFiltered = false;
         RunResult run;
         std::thread([&] {
-            fFiltered = withoutOpenat2(row.error);
-            if (fFiltered)
+            if (withoutOpenat2(row.error))
                 run = runProgram(KXSANDBOX_PROGRAM, {"--", "true"});
         }).join();
-        if (!fFiltered)
+        if (run.status < 0)
             GTEST_SKIP() << "no filter of system calls can be had here";
         EXPECT_EQ(run.status, 1);
         expectText("kxsandbox: cannot serve files: " + row.why + "\n", run.err);

@@ -1,8 +1,11 @@
 #include "tests/run_program.h"
 
+#include "tests/expect.h"
 #include "tests/scratch.h"
 
 #include <csignal>
+#include <iostream>
+#include <poll.h>
 #include <pty.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -68,21 +71,23 @@ TerminalRun::TerminalRun(const string& program, const Arguments& arguments,
         std::abort();
 }
 
-static int exitStatus(pid_t process) {
-    int status = 0;
-    waitpid(process, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 TerminalRun::~TerminalRun() {
     if (process > 0) {
         kill(process, SIGKILL);
-        exitStatus(process);
+        finish();
+        if (testing::Test::HasFailure())
+            std::cout << "A program printed at last:\n"
+                      << output.substr(output.size() < 1000 ? 0 : output.size() - 1000);
     }
     close(terminal);
 }
 
 bool TerminalRun::readMore() {
+    pollfd polled{terminal, POLLIN, 0};
+    if (poll(&polled, 1, 60000) == 0) {
+        ADD_FAILURE() << "silent for a minute, having printed:\n" << output;
+        kill(-process, SIGKILL); // and what it started
+    }
     char buffer[4096];
     const ssize_t n = read(terminal, buffer, sizeof buffer);
     for (ssize_t i = 0; i < n; ++i)
@@ -106,10 +111,15 @@ bool TerminalRun::echoes() const {
     return (settings.c_lflag & ECHO) != 0;
 }
 
+bool TerminalRun::hasEnded() const {
+    siginfo_t ended{};
+    waitid(P_PID, static_cast<id_t>(process), &ended, WEXITED | WNOHANG | WNOWAIT);
+    return ended.si_pid != 0;
+}
+
 bool TerminalRun::waitForEcho(bool fOn) {
     // The switch is made by another process and leaves no other sign.
-    for (siginfo_t ended{}; echoes() != fOn && ended.si_pid == 0; usleep(1000))
-        waitid(P_PID, static_cast<id_t>(process), &ended, WEXITED | WNOHANG | WNOWAIT);
+    eventually([&] { return echoes() == fOn || hasEnded(); }, "a switch of the echo");
     return echoes() == fOn;
 }
 
@@ -121,7 +131,8 @@ void TerminalRun::type(const string& keys) const {
 int TerminalRun::finish() {
     while (readMore())
         continue;
-    const int status = exitStatus(process);
+    int status = 0;
+    waitpid(process, &status, 0);
     process = -1;
-    return status;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }

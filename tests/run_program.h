@@ -36,7 +36,8 @@ RunResult runKxadmin(const string& line, unsigned port, const string& input = ""
 /// their words are the business of one test.
 string abridged(string text);
 
-/// A program on a terminal of its own.
+/// A program on a terminal of its own. When the test fails, it tells what one printed that was not
+/// finished or had to be ended, as it was silent for a minute.
 class TerminalRun {
 public:
     TerminalRun(const string& program, const Arguments& arguments, const Environment& environment);
@@ -49,6 +50,7 @@ public:
     bool waitForEcho(bool fOn);
     void type(const string& keys) const;
     bool echoes() const;
+    bool hasEnded() const;
     /// Collects the rest of the output and the exit status.
     int finish();
 

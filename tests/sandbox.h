@@ -3,6 +3,7 @@
 
 #include "client/exchange.h"
 #include "net/socket.h"
+#include "tests/expect.h"
 #include "tests/run_program.h"
 #include "tests/scratch.h"
 #include "tests/scripted_server.h"
@@ -16,7 +17,10 @@ struct Sandbox : Scratch {
                    (script.empty() ? "exec kxsandbox -P0 -psecret " + options : script),
                KXSANDBOX_PROGRAM},
               {}) {
-        run.waitFor("\n");
+        if (!run.waitFor("ready on ") || !run.waitFor("\n")) {
+            ADD_FAILURE() << "the sandbox does not start";
+            throw testing::AssertionException({testing::TestPartResult::kFatalFailure, "", 0, ""});
+        }
         port = static_cast<U16>(std::stoul(run.output.substr(run.output.find("port ") + 5)));
     }
     TerminalRun run;
@@ -24,10 +28,13 @@ struct Sandbox : Scratch {
 };
 
 struct Peer {
-    static constexpr I32 ENDED = 9999; // in the place of a result
+    static constexpr I32 ENDED = 9999; // in the place of a result, after a minute too
 
-    explicit Peer(const Sandbox& sandbox)
-        : s(socketConnectToHost("127.0.0.1", sandbox.port)), greeting(receive(4)) {}
+    explicit Peer(const Sandbox& sandbox) : s(socketConnectToHost("127.0.0.1", sandbox.port)) {
+        const timeval minute{60, 0};
+        setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &minute, sizeof minute);
+        greeting = receive(4);
+    }
     ~Peer() {
         ask(REQUEST_DISCONNECT); // when the reply comes, the server has nothing of it any more
         socketClose(s);
@@ -38,7 +45,10 @@ struct Peer {
     string receive(std::size_t most) const {
         string bytes(most, '\0');
         const I32 n = socketReceiveBuffer(s, bytes.data(), static_cast<I32>(most));
-        return bytes.substr(0, static_cast<std::size_t>(std::max(n, 0)));
+        bytes.resize(static_cast<std::size_t>(std::max(n, 0)));
+        if (bytes.size() < most)
+            shutdown(s, SHUT_RDWR);
+        return bytes;
     }
     string receiveReply() const {
         const string header = receive(12);

@@ -6,15 +6,14 @@
 #include "sandbox/requests.h"
 #include "tests/expect.h"
 
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <future>
 #include <sys/fsuid.h>
 #include <sys/stat.h>
 
-using std::chrono::system_clock;
-using namespace std::string_literals;
+using namespace std::literals;
 
 TEST(Sandbox, KeepsEveryRequestWithinItsBounds) {
     const string zero = be32(0), most = be32(32768), beyond = be32(32769);
@@ -28,20 +27,14 @@ TEST(Sandbox, KeepsEveryRequestWithinItsBounds) {
     } rows[] = {
         {"a read of the most", 3, zero + most, 0},
         {"a read of more", 3, zero + beyond, -204},
-        {"a 16 GB read of the most", 36, zero + zero + most, 0},
-        {"a 16 GB read of more", 36, zero + zero + beyond, -204},
         {"a write of the most", 4, zero + most + x32768, 0},
-        {"a write of more", 4, zero + beyond + x32768 + "x"},
-        {"a 16 GB write of the most", 39, zero + zero + most + x32768, 0},
         {"a 16 GB write of nothing", 39, zero + zero + zero, 0},
         {"a write of less than it has", 4, zero + be32(1) + "xx"},
-        {"an open of a long name", 1, be32(66) + x1023, -206}, // a file is open already
-        {"an open of a longer name", 1, be32(66) + x1023 + "x"},
-        {"a create without a name", 7, zero},
         {"space at a long name", 26, "x" + x1023 + '\0', 0},
         {"space in a directory that there is not", 26, "none/x\0"s, 2},
         {"space at a longer name", 26, "xx" + x1023 + '\0'},
         {"a long user and password", 11, x50 + '\0' + x30 + '\0', -202},
+        {"a longer user", 11, x50 + "x\0\0"s},
         {"a longer password", 11, '\0' + x30 + "x\0"s},
         {"a password without its NUL", 11, "\0pw"s},
     };
@@ -52,30 +45,47 @@ TEST(Sandbox, KeepsEveryRequestWithinItsBounds) {
         Peer peer(sandbox);
         EXPECT_EQ(peer.open("a.rep"), 0);
         EXPECT_EQ(peer.ask(row.code, row.parameters), row.result);
-        if (row.result == 0 && (row.code == 3 || row.code == 36)) {
+        if (row.result == 0 && row.code == 3) {
             EXPECT_EQ(peer.data.size(), 32768U);
         }
         EXPECT_EQ(peer.ask(REQUEST_GET_MAX_DATA), 0) << "the connection is of no more use";
     });
-    const std::pair<std::size_t, std::vector<U32>> sizes[] = {
-        {0, {2, 8, 9, 10, 12, 13, 14, 17, 24, 25, 28, 32}},
-        {4, {15, 16, 20, 21}},
-        {8, {3}},
-        {12, {36}},
-        {16, {47, 48}},
+    const struct {
+        std::size_t least, limit; // parameter bytes
+        std::vector<U32> codes;
+        I32 refusal = 0; // without the file that they need, or with the one that they would open
+    } sizes[] = {
+        {0, 0, {9, 10, 12, 13, 14, 17, 24, 25, 28}},
+        {0, 0, {2, 8, 32}, -205},
+        {2, 82, {11}},
+        {2, 1025, {26}},
+        {4, 4, {15, 16, 20, 21}},
+        {5, 1027, {1, 7}, -206},
+        {8, 8, {3}, -205},
+        {8, 32776, {4}, -205},
+        {12, 12, {36}, -205},
+        {12, 32780, {39}, -205},
+        {16, 16, {47, 48}, -205},
     };
-    Peer peer(sandbox);
-    for (const auto& [size, codes] : sizes)
+    Peer opener(sandbox), other(sandbox);
+    opener.open("a.rep");
+    for (const auto& [least, limit, codes, refusal] : sizes)
         for (const U32 code : codes) {
             SCOPED_TRACE("request " + std::to_string(code));
-            EXPECT_EQ(peer.ask(code, string(size + 1, 'x')), -201);
-            EXPECT_EQ(size == 0 ? -201 : peer.ask(code, string(size - 1, 'x')), -201);
+            Peer& peer = refusal == -206 ? opener : other;
+            EXPECT_EQ(peer.ask(code, string(limit + 1, '\0')), -201);
+            if (least > 0) {
+                EXPECT_EQ(peer.ask(code, string(least - 1, '\0')), -201);
+            }
+            if (refusal != 0) {
+                EXPECT_EQ(peer.ask(code, string(limit, '\0')), refusal);
+            }
         }
 }
 
 TEST(Sandbox, TellsOfALargeFileWithALongName) {
     const Sandbox sandbox;
-    const string name = "a.repository.of.many.bytes";
+    const string name = "a.repository.of\x1bmany.bytes"; // not for a terminal
     sandbox.write(name, "");
     std::filesystem::resize_file(sandbox.path(name), (5ULL << 30) + 1);
     Peer peer(sandbox);
@@ -84,7 +94,7 @@ TEST(Sandbox, TellsOfALargeFileWithALongName) {
     EXPECT_EQ(peer.ask(REQUEST_16GB_FILE_GET_EOF), 0);
     EXPECT_EQ(hex(peer.data), "14000001");
     EXPECT_EQ(peer.ask(REQUEST_GET_CONNECTION_LIST), 1);
-    EXPECT_EQ(peer.data.substr(peer.data.find("...")), "...itory.of.many.bytes\n");
+    EXPECT_TRUE(peer.data.ends_with(" ...itory.of?many.bytes\n")) << peer.data;
 }
 
 TEST(Sandbox, EndsAConnectionThatItCannotUnderstand) {
@@ -97,7 +107,7 @@ TEST(Sandbox, EndsAConnectionThatItCannotUnderstand) {
         {"as many pad bytes as fit", be32(13) + be32(65536) + be32(0) + full, 0},
         {"one more", be32(13) + be32(65537) + be32(0) + full + "x"},
         {"lengths whose sum wraps", be32(3) + be32(~0U) + be32(1)},
-        {"a code that is none", requestBytes(49)},
+        {"a code that is none", requestBytes(CODE_LIMIT)},
         {"half of the parameters", be32(1) + be32(0) + be32(9) + "cut"},
     };
     const Sandbox sandbox;
@@ -120,9 +130,13 @@ TEST(Sandbox, TakesThePasswordForWhatAnAdministratorDoes) {
         EXPECT_EQ(peer.prove(pszPassword), fRight ? 0 : -202);
         EXPECT_EQ(peer.ask(REQUEST_KILL_CONNECTION, be32(99)), fRight ? -203 : -202);
         EXPECT_EQ(peer.ask(REQUEST_SET_LOG_LEVEL, be32(4)), fRight ? -204 : -202);
-        EXPECT_EQ(fRight ? -202 : peer.ask(REQUEST_STOP_SERVER), -202);
+        if (!fRight) {
+            EXPECT_EQ(peer.ask(REQUEST_STOP_SERVER), -202);
+        }
     }
     EXPECT_EQ(Peer(sandbox).ask(REQUEST_STOP_SERVER), -202) << "without any";
+    const string words = readFile("/proc/" + std::to_string(sandbox.run.process) + "/cmdline");
+    EXPECT_EQ(words.find("secret"), string::npos) << "for every user to see";
 }
 
 TEST(Sandbox, SharesAFileAsItsOpenersAllow) {
@@ -141,15 +155,14 @@ TEST(Sandbox, SharesAFileAsItsOpenersAllow) {
     const Sandbox sandbox;
     sandbox.write("a.rep", "a");
     forEachRow(rows, [&](const auto& row) {
-        for (U32 access = 0; access < 3; ++access) {
-            SCOPED_TRACE(string("the other opens it ") + accesses[access]);
-            const U32 mode = row.sharing << 4, other = 4U << 4 | access;
-            for (const auto& [first, second] : {std::pair(mode, other), {other, mode}}) {
+        for (U32 access = 0; access < 3; ++access)
+            for (const bool fFirst : {false, true}) {
+                SCOPED_TRACE("the other opens it "s + accesses[access] + (fFirst ? ", first" : ""));
+                const U32 mode = row.sharing << 4, other = 4U << 4 | access;
                 Peer opener(sandbox), next(sandbox);
-                EXPECT_EQ(opener.open("a.rep", first), 0);
-                EXPECT_EQ(next.open("a.rep", second), row.allowed[access] ? 0 : 5);
+                EXPECT_EQ(opener.open("a.rep", fFirst ? other : mode), 0);
+                EXPECT_EQ(next.open("a.rep", fFirst ? mode : other), row.allowed[access] ? 0 : 5);
             }
-        }
     });
     for (const U32 mode : {0x43U, 0x48U, 0x50U, 0x82U, 0x142U})
         EXPECT_EQ(Peer(sandbox).open("a.rep", mode), -201) << "mode " << mode;
@@ -178,8 +191,13 @@ TEST(Sandbox, LocksAgainstReadsWritesAndLocks) {
         EXPECT_EQ(peer.lock(row.offset, row.length), row.result);
         EXPECT_EQ(owner.ask(REQUEST_FILE_READ, be32(100) + be32(10)), 0);
     });
+    Peer killer(sandbox);
+    killer.open("a.rep");
+    killer.prove();
+    EXPECT_EQ(killer.ask(REQUEST_KILL_CONNECTION, owner.greeting), 0);
+    EXPECT_EQ(killer.lock(100, 10), 0) << "its owner is killed";
     for (const I32 result : {0, EINVAL}) // released, and gone
-        EXPECT_EQ(owner.ask(REQUEST_16GB_LARGE_UNLOCK, be32(0) + be32(100) + be32(0) + be32(10)),
+        EXPECT_EQ(killer.ask(REQUEST_16GB_LARGE_UNLOCK, be32(0) + be32(100) + be32(0) + be32(10)),
                   result);
 }
 
@@ -211,8 +229,14 @@ struct Files : Scratch {
         chmod(directory.c_str(), 0755);
         server.directory = Descriptor(::open(directory.c_str(), O_PATH | O_DIRECTORY));
     }
+    I32 ask(U32 code, const string& parameters) {
+        const auto* const pb = reinterpret_cast<const U8*>(parameters.data());
+        const U32 length = static_cast<U32>(parameters.size());
+        Exchange x{server, connection, code, pb, length, connection.buffers->reply};
+        return carryOut(x);
+    }
     I32 open(U32 mode) {
-        return openFile(server, connection, "a.rep", mode).iResult;
+        return ask(REQUEST_FILE_OPEN, be32(mode) + "a.rep");
     }
     Options options;
     Server server{options};
@@ -225,29 +249,32 @@ struct Files : Scratch {
 template<class Request, class HasBegun, class LetGoOn>
 static void expectToWait(Server& server, const Request& request, const HasBegun& hasBegun,
                          const LetGoOn& letGoOn) {
-    std::atomic<bool> fAnswered = false;
-    std::thread thread([&] {
-        request();
-        fAnswered = true;
-    });
-    for (bool fBegun = false; !fBegun; usleep(20000)) {
+    const auto answer = std::async(std::launch::async, request);
+    const auto isWaiting = [&] {
         const std::lock_guard guard(server.mutex);
-        fBegun = hasBegun();
-    }
-    EXPECT_FALSE(fAnswered);
-    {
-        const std::lock_guard guard(server.mutex);
-        letGoOn();
-        server.left.notify_all();
-    }
-    thread.join();
+        return hasBegun();
+    };
+    eventually(isWaiting, "a request that waits");
+    EXPECT_EQ(answer.wait_for(20ms), std::future_status::timeout) << "it has not waited";
+    const std::lock_guard guard(server.mutex);
+    letGoOn();
+    server.left.notify_all();
 }
 
 TEST(Sandbox, GrantsALockWhenTheTransfersThatBeganBeforeHaveEnded) {
     Files files;
     ASSERT_EQ(files.open(0x42), 0);
     OpenFile& file = *files.connection.file;
-    std::shared_lock transferring(file.pShared->transfers);
+    std::shared_mutex& transfers = file.pShared->transfers;
+    const auto isHeld = [&] { return !std::unique_lock(transfers, std::try_to_lock); };
+    for (const string data : {"", "b"}) {             // read, written
+        std::unique_lock looking(files.server.mutex); // for locks, before which the transfer begins
+        const std::jthread thread(
+            [&] { files.ask(data.empty() ? 3 : 4, be32(0) + be32(1) + data); });
+        eventually(isHeld, data.empty() ? "a read that has begun" : "a write that has begun");
+        looking.unlock();
+    }
+    std::shared_lock transferring(transfers);
     const auto lock = [&] { lockRange(files.server, file, {0, 1}); };
     const auto isLocked = [&] { return !file.locks.empty(); };
     expectToWait(files.server, lock, isLocked, [&] { transferring.unlock(); });
@@ -258,14 +285,7 @@ TEST(Sandbox, AnswersAKillWhenTheOtherHasLeft) {
     files.connection.fProved = true;
     auto& connections = files.server.connections;
     const Connection& other = *(connections[1] = std::make_unique<Connection>());
-    const string number = be32(1);
-    Exchange x{files.server,
-               files.connection,
-               REQUEST_KILL_CONNECTION,
-               reinterpret_cast<const U8*>(number.data()),
-               4,
-               files.connection.buffers->reply};
-    const auto kill = [&] { EXPECT_EQ(carryOut(x), 0); };
+    const auto kill = [&] { EXPECT_EQ(files.ask(REQUEST_KILL_CONNECTION, be32(1)), 0); };
     const auto isKilled = [&] { return other.fKilled; };
     expectToWait(files.server, kill, isKilled, [&] { connections.clear(); });
 }
@@ -273,13 +293,17 @@ TEST(Sandbox, AnswersAKillWhenTheOtherHasLeft) {
 TEST(Sandbox, OpensForReadingWhatMayOnlyBeRead) {
     Files files;
     chmod(files.path("a.rep").c_str(), 0444);
-    setfsuid(geteuid() == 0 ? 65534 : geteuid()); // root may write all
+    if (geteuid() == 0)
+        setfsuid(65534);
+    if (setfsuid(~0U) == 0) // which tells who we are
+        GTEST_SKIP() << "root may write all, and can be nobody else here";
+    const I32 toCreate = files.ask(REQUEST_FILE_CREATE, be32(0) + "a.rep");
     const I32 toWrite = files.open(0x41), toDoBoth = files.open(0x42);
     setfsuid(geteuid());
+    EXPECT_EQ(toCreate, EACCES);
     EXPECT_EQ(toWrite, EACCES);
     ASSERT_EQ(toDoBoth, 0);
-    U8 byte = 'b';
-    EXPECT_EQ(writeFile(files.server, *files.connection.file, 0, &byte, 1).iResult, EBADF);
+    EXPECT_EQ(files.ask(REQUEST_FILE_WRITE, be32(0) + be32(1) + "b"), EBADF);
 }
 
 TEST(Sandbox, ReachesNothingOutsideItsDirectory) {
@@ -312,14 +336,13 @@ TEST(Sandbox, ReachesNothingOutsideItsDirectory) {
             EXPECT_EQ(peer.ask(REQUEST_FILE_CREATE, be32(0) + name), result);
             peer.ask(REQUEST_FILE_CLOSE);
         }
+    EXPECT_EQ(peer.open("fifo", 0x40), 13) << "to read what nobody writes";
     EXPECT_EQ(outside.read("secret") + outside.read("new"), "s(none)");
 }
 
 TEST(Sandbox, TellsAnAge) {
-    using namespace std::chrono;
-    EXPECT_EQ(ageText(seconds(59)), "0:00:59");
-    EXPECT_EQ(ageText(minutes(60) - milliseconds(1)), "0:59:59");
-    EXPECT_EQ(ageText(hours(100) + minutes(1)), "100:01:00");
+    EXPECT_EQ(ageText(60min - 1ms), "0:59:59");
+    EXPECT_EQ(ageText(100h + 1min), "100:01:00");
 }
 
 TEST(Sandbox, KeepsNothingOfClientsThatHaveLeft) {
@@ -327,26 +350,26 @@ TEST(Sandbox, KeepsNothingOfClientsThatHaveLeft) {
     Peer peer(sandbox);
     const auto descriptors = [&] {
         using Iterator = std::filesystem::directory_iterator;
-        return std::distance(Iterator("/proc/" + std::to_string(sandbox.run.process) + "/fd"), {});
+        std::error_code error; // when it has ended
+        const string directory = "/proc/" + std::to_string(sandbox.run.process) + "/fd";
+        return std::distance(Iterator(directory, error), {});
     };
     const auto before = descriptors();
-    for (int i = 0; i < 300; ++i) {
+    for (int i = 0; i < 90; ++i) {
         socketClose(socketConnectToHost("127.0.0.1", sandbox.port)); // not even greeted
-        ASSERT_EQ(i % 30 == 0 ? Peer(sandbox).ask(REQUEST_GET_MAX_DATA) : 0, 0);
+        ASSERT_EQ(Peer(sandbox).ask(REQUEST_GET_MAX_DATA), 0);
     }
-    while (descriptors() > before)
-        usleep(1000);
+    eventually([&] { return descriptors() <= before; }, "no more descriptors than before");
     EXPECT_EQ(peer.prove(), 0);
     EXPECT_EQ(peer.ask(REQUEST_STOP_SERVER), 0);
     EXPECT_EQ(sandbox.run.finish(), 0) << "leaks"; // as the leak sanitizer sees it
 }
 
 TEST(Sandbox, LogsWhatItsLevelAsksFor) {
-    const auto secondOfDay = [] { // five hours east, as the sandbox is told
-        return (system_clock::to_time_t(system_clock::now()) + 5 * 3600) % 86400;
-    };
-    const auto begin = secondOfDay();
-    Sandbox sandbox("", "TZ=EAST-5 exec kxsandbox -P0 -psecret");
+    // Where it is noon now, in hours and minutes to the west.
+    const auto west = (time(nullptr) / 60 + 12 * 60) % (24 * 60);
+    const string zone = std::to_string(west / 60) + ":" + std::to_string(west % 60);
+    Sandbox sandbox("", "TZ=ANY" + zone + " exec kxsandbox -P0 -psecret");
     Peer peer(sandbox);
     for (const U32 level : {2U, 3U, 1U, 0U}) {
         peer.prove("wrong");
@@ -355,16 +378,11 @@ TEST(Sandbox, LogsWhatItsLevelAsksFor) {
     }
     kill(sandbox.run.process, SIGTERM);
     sandbox.run.finish();
-    const auto end = secondOfDay();
     string log; // without the line that it is ready, and the times
     std::istringstream lines(sandbox.run.output.substr(sandbox.run.output.find('\n') + 1));
     for (string line; std::getline(lines, line);) {
-        const auto at = line.find(' ');
-        int hour = 0, minute = 0, second = 0;
-        std::sscanf(line.c_str(), "%2d:%2d:%2d.", &hour, &minute, &second);
-        const auto time = (hour * 60 + minute) * 60 + second;
-        EXPECT_LE((time - begin + 86400) % 86400, (end - begin + 86400) % 86400) << line;
-        log += line.substr(at + 1) + '\n';
+        EXPECT_TRUE(line.starts_with("12:0")) << line;
+        log += line.substr(line.find(' ') + 1) + '\n';
     }
     const string wrong = "Warning: connection 1 gave a wrong password\n";
     const string set = "Information: connection 1 set the logging level to ";
