@@ -33,6 +33,7 @@ kxadmin copy o|one.host: other.host:
 kxadmin copy one.host:|
 kxadmin copy -Z 99 one.host:a -p o one.host|one.host:
 kxadmin copy -oq one.host:a one.host:b o|
+kxadmin bench -P 1 -c 1 -s 1 -l x -t x -k 1 -r x o|one.host other.host
 kxadmin opts -p |
 kxadmin opts -p -|-P -h -p -s
 kxadmin stat -P |

@@ -75,6 +75,7 @@ TEST(Copy, CopiesThroughTheServers) {
     } rows[] = {
         {"to a new file", "", "", whole},
         {"without a look at the room", "-b", "", whole, {.freeBlocks = 0}},
+        {"the same by its number", "-Z99", "", whole, {.freeBlocks = 0}},
         {"over a file", "", "y\n", question + whole, {.old = 3000}},
         {"over a file, unasked", "-o", "", whole, {.old = 3000}},
         {"over a file, without a word", "-q", "x\ny\n", question + question + locked, {.old = 9}},

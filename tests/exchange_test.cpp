@@ -42,6 +42,7 @@ struct Session {
 
 TEST(Exchange, TakesErrorsAndOddReplies) {
     const string full(32768, 'x');
+    const Answer wrapping{be32(0) + be32(0x80000001) + be32(0x7FFFFFFF) + full, Answer::CLOSE};
     const struct {
         Name name;
         U32 code;
@@ -56,6 +57,7 @@ TEST(Exchange, TakesErrorsAndOddReplies) {
         {"the most data", 13, reply(0, full), 0, 77, 77, "-"},
         {"a size that is no number", 8, reply(0, "12345"), -249, 249, 0, "Success"},
         {"more than was asked for", 3, reply(0, full), -249, 249, 0, "Success"},
+        {"lengths whose sum wraps", 24, wrapping, -241, 241, 0, "Success"},
         {"a type cut short", 28, reply(0, "123"), -1, 255, 0, "Success"},
     };
     forEachRow(rows, [&](const auto& row) {

@@ -84,6 +84,8 @@ TEST(ProtocolPage, ItsTranscriptsAreTrue) {
     }
     ASSERT_TRUE(codes.contains(REQUEST_STOP_SERVER));
     EXPECT_EQ(sandbox.run.finish(), 0);
+    for (const auto& row : matches(page, "\n\\| (-\\d+) \\| `(\\w+)` \\|"))
+        EXPECT_EQ(hex(be32(static_cast<U32>(std::stoi(row[1])))), row.str(2)) << "of " << row[1];
     const string header = readFile(KX_SOURCE_DIR "/client/protocol.h");
     for (const auto& row : matches(header, "(REQUEST_\\w+) = (\\d+),")) {
         const string title = "\n### " + row.str(2) + " `" + row.str(1) + "`\n";

@@ -81,12 +81,19 @@ done <<'END'
 0 strict test -r a.rep -f report >&-
 3 strict bench -c1024 -l /dev/full
   Error writing log file /dev/full.
-0 strict copy -qop pw a.rep b.rep
+0 strict copy -qo a.rep -p pw b.rep
 4 strict copy -p pw a.rep b.rep <<<n
+1 strict test -f report
+  Repository path must be specified using -r for test command.
+  see kxadmin help
 3 strict copy -qp pw -f 'exit 5;' a.rep b.rep
   the system command failed with status 5
 3 strict copy -qp pw -f 'kill -9 $$;' a.rep b.rep
   the system command was ended by signal 9
+143 timeout 30 kxadmin-strict copy -qp pw -f '(sleep 1; kill $PPID) & kill -STOP $$;' a.rep b.rep
+  the system command was ended by signal 15
+0 strict copy -qp pw -f 'exec grep SigBlk /proc/self/status >&2 #' a.rep b.rep
+  SigBlk:	0000000000000000
 3 strict --progress --verify copy -op pw a.rep long.rep
   [0:2005]
   the copy goes on where the source ends, at [0:2005]
@@ -98,7 +105,7 @@ done <<'END'
   --tries takes a number from 1 to 30
 1 strict --tries=0 stat
   --tries takes a number from 1 to 30
-1 strict --try stat
+1 strict --try=secret stat
   unknown option --try; see kxadmin-strict --help
 1 strict --verify=1 stat
   option --verify takes no value
@@ -111,11 +118,15 @@ done <<'END'
   -p and --password-file exclude each other
 1 strict --password-file a.rep stat
   password file a.rep: others may read or change it
+1 chmod 602 password; strict --password-file password stat
+  password file password: others may read or change it
 1 strict --password-file none stat
   password file none: No such file or directory
 1 strict --password-file . stat
   password file .: Is a directory
-1 strict --password-file empty stat
+1 strict --password-file /proc/self/mem stat
+  password file /proc/self/mem: Input/output error
+1 strict --password-file empty stat >&2
   password file empty: its first line is empty
 1 strict --password-file /dev/zero stat
   password file /dev/zero: its first line is too long for a password
@@ -143,6 +154,8 @@ done <<'END'
   port 4800
 0 kxsandbox "$(printf %0600d 0)" 2>&1 | head -n 1 | wc -c >&2 # cut to its buffer
   500
+7 kxsandbox -- sh -c 'trap "exit 7" HUP; kill -HUP $PPID; sleep 9 & wait'
+3 ulimit -f 1; kxsandbox -- kxadmin-strict copy a.rep c.rep -qp >/dev/null # its file ends at 1 KB
 137 kxsandbox -- sh -c 'kill -9 $$'
 143 kxsandbox -- sh -c 'kill -TERM $PPID; sleep 9'
 127 kxsandbox -- /no/such

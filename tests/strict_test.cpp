@@ -17,25 +17,33 @@ static string notesIn(const string& err) {
 }
 
 TEST(Strict, JudgesWhatKxadminDoesNotLookAt) {
+    const string source = repository(2000), other = source.substr(0, 1999) + "x";
+    const Answer u125 = reply(0, be32(125));
     // clang-format off
     const struct {
         Name name; // the command line
         U32 code;
-        Answer answer;
+        std::vector<Answer> answers;
         string note;
     } rows[] = {
-        {"opts -s1 -p", 20, reply(5), "[localhost] did not set its logging level (-5)\n"},
-        {"stop -p", 17, reply(-9), "[localhost] refused to stop (-9)\n"},
-        {"stop -pZ100", 17, {"", Answer::CLOSE},
+        {"opts -s1 -p", 20, {reply(5)}, "[localhost] did not set its logging level (-5)\n"},
+        {"stop -p", 17, {reply(-9)}, "[localhost] refused to stop (-9)\n"},
+        {"stop -pZ100", 17, {{"", Answer::CLOSE}},
          "[localhost] did not answer the request to stop\n"},
-        {"copy -p pw a.rep 127.0.0.2:b.rep", 36, reply(0, "short"),
-         "0:5 of 0:2000 bytes were copied\n"},
+        {"bench -c1024 -l /dev/null", 4, {reply(28), reply(0)},
+         "the data could not be written (-28)\n"},
+        {"copy -p pw a.rep 127.0.0.2:b.rep # a unit short", 36, {reply(0, source.substr(16))},
+         "0:1984 of 0:2000 bytes were copied\n"},
+        {"--verify copy -p pw a.rep 127.0.0.2:b.rep # another byte", 36,
+         {reply(0, source), reply(0, other)}, "the copy differs from the source at [0:1999]\n"},
+        {"--verify copy -p pw a.rep 127.0.0.2:b.rep # another length", 32,
+         {u125, u125, u125, reply(0, be32(124))}, "the source has 124 units of 16 bytes, the copy 125\n"},
     };
     // clang-format on
-    forEachRow(rows, [](const auto& row) {
+    forEachRow(rows, [&](const auto& row) {
         ScriptedServer server(INADDR_ANY);
-        server.source.files["a.rep"] = repository(2000);
-        server.on(row.code, {row.answer});
+        server.source.files["a.rep"] = source;
+        server.on(row.code, row.answers);
         const string script = strict + " " + row.name.text;
         const RunResult run = runProgram("/bin/sh", {"-c", script}, serverAt(server.port), "y\n");
         EXPECT_EQ(run.status, 3);
