@@ -26,6 +26,10 @@ bool isChosen(const Name& name) {
     return fChosen;
 }
 
+int failureCount() {
+    return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
+}
+
 void eventually(const std::function<bool()>& condition, const string& words) {
     using namespace std::chrono;
     for (const auto end = steady_clock::now() + minutes(1); !condition(); usleep(1000))

@@ -131,6 +131,18 @@ void TerminalRun::type(const string& keys) const {
 int TerminalRun::finish() {
     while (readMore())
         continue;
+    return collectStatus();
+}
+
+int TerminalRun::hangUp() {
+    close(terminal);
+    terminal = -1;
+    eventually([&] { return hasEnded(); }, "an end after a hang-up");
+    kill(process, SIGKILL);
+    return collectStatus();
+}
+
+int TerminalRun::collectStatus() {
     int status = 0;
     waitpid(process, &status, 0);
     process = -1;

@@ -53,11 +53,14 @@ public:
     bool hasEnded() const;
     /// Collects the rest of the output and the exit status.
     int finish();
+    /// Takes the terminal away and collects the exit status.
+    int hangUp();
 
     string output; // without the terminal's carriage returns at the ends of lines
     pid_t process = -1;
 
 private:
     bool readMore();
+    int collectStatus();
     int terminal = -1;
 };

@@ -33,6 +33,11 @@ static bool remembers(const string& process) {
     return fFound;
 }
 
+static long ignoredSignals(pid_t process) {
+    const string status = readFile("/proc/" + std::to_string(process) + "/status");
+    return std::stol("0" + status.substr(status.find("SigIgn:") + 7), nullptr, 16);
+}
+
 TEST(Secret, IsHiddenAndForgottenOnceItIsChecked) {
     const struct {
         Name name;
@@ -51,6 +56,8 @@ TEST(Secret, IsHiddenAndForgottenOnceItIsChecked) {
         TerminalRun run(KXADMIN_PROGRAM, row.arguments, serverAt(server.port));
         if (row.arguments.size() == 1) {
             ASSERT_TRUE(run.waitFor("KXSRV : ") && run.waitForEcho(false));
+            EXPECT_NE(ignoredSignals(run.process) & 1 << (SIGTSTP - 1), 0)
+                << "^Z leaves the terminal to a shell, which lets it echo";
             run.type(secret + "\n");
             run.waitFor("KXSRV : \n\n");
             expectText(prompt + "\n\n", abridged(run.output));

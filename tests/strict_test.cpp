@@ -84,28 +84,46 @@ TEST(Strict, EndsByTheSignalThatEndsIt) {
 
 /// The lock outlives the command: what is passed on is waited for.
 TEST(Strict, PassesASignalOnToTheCopyingCommand) {
+    const Scratch scratch;
     const struct {
         Name name;
         string program;
         int iSignal, status;
+        string shell = ""; // what the shell does that becomes the program
     } rows[] = {
         {"kxadmin, SIGTERM", KXADMIN_PROGRAM, SIGTERM, 128 + SIGTERM},
         {"kxadmin, SIGINT", KXADMIN_PROGRAM, SIGINT, 0},
         {"kxadmin-strict, SIGHUP", strict, SIGHUP, 128 + SIGHUP},
         {"kxadmin-strict, SIGINT", strict, SIGINT, 128 + SIGINT},
+        {"kxadmin, beside another job", KXADMIN_PROGRAM, SIGTERM, 128 + SIGTERM,
+         "trap '' HUP; sleep 99 >/dev/null 2>&1 & echo $! >" + scratch.path("job") + "; "},
+        {"kxadmin, its terminal gone", KXADMIN_PROGRAM, 0, 128 + SIGHUP},
     };
-    const Scratch scratch;
-    scratch.write("wait", "trap 'echo ended; exit' TERM HUP INT; echo started;"
+    scratch.write("wait", "trap 'echo ended; cp $0 $0.ended; exit' TERM HUP INT; echo started;"
                           "while :; do sleep .1; done");
     forEachRow(rows, [&](const auto& row) {
         ScriptedServer server;
         server.source.files["a.rep"] = repository(2000);
         const string command = "sh " + scratch.path("wait") + "; :";
-        TerminalRun copy(row.program, {"copy", "-p", "pw", "-f", command, "a.rep", "b.rep"},
+        std::filesystem::remove(scratch.path("wait.ended"));
+        TerminalRun copy("/bin/sh",
+                         {"-c", row.shell + "exec \"$0\" copy -p pw -f \"$1\" a.rep b.rep",
+                          row.program, command},
                          serverAt(server.port));
         ASSERT_TRUE(copy.waitFor("started")) << copy.output;
-        kill(copy.process, row.iSignal);
-        EXPECT_EQ(copy.finish(), row.status);
-        EXPECT_NE(copy.output.find("ended\n\nUnlocking source."), string::npos) << copy.output;
+        if (row.iSignal == 0) {
+            EXPECT_EQ(copy.hangUp(), row.status);
+        } else {
+            kill(copy.process, row.iSignal);
+            EXPECT_EQ(copy.finish(), row.status);
+            EXPECT_NE(copy.output.find("ended\n\nUnlocking source."), string::npos) << copy.output;
+        }
+        EXPECT_NE(scratch.read("wait.ended"), "(none)") << "the command was not told";
+        EXPECT_TRUE(
+            server.trace().ends_with("source UNLOCK 0 0 0 2000\nsource CLOSE\nsource DISCONNECT\n"))
+            << server.trace();
+        if (!row.shell.empty()) {
+            EXPECT_EQ(kill(std::stoi(scratch.read("job")), SIGKILL), 0) << "the other job is gone";
+        }
     });
 }
