@@ -101,7 +101,7 @@ static Ending run(const Scene& scene, const Change& change, const string& usual 
     const auto disturb = [&](const string& line, Answer& answer) {
         const string harm = change(line, answer);
         if (fault.empty() && !harm.empty())
-            fault = "reply to " + line + harm;
+            fault = harm + ": the reply to " + line;
     };
     disturb("source GREETING\n", server.source.greeting);
     disturb("dest GREETING\n", server.dest.greeting);
@@ -158,7 +158,7 @@ static Ending run(const Scene& scene, const Change& change, const string& usual 
         complaint += "not a word of the failure; ";
     if (!complaint.empty())
         ADD_FAILURE() << complaint << "\nkxadmin-strict " << scene.pszLine
-                      << "\nfault: " << (fault.empty() ? "none" : fault) << "\n--- said:\n"
+                      << "\nfault: " << (fault.empty() ? "none\n" : fault) << "--- said:\n"
                       << said << "--- asked:\n"
                       << trace;
     return {said, trace, complaint.empty()};
@@ -190,7 +190,9 @@ static void sweepSteps(Kind kind, int variants, bool fAll, const Change& change)
                     if (has(line, "GREETING"))
                         return string();
                     const std::size_t here = step++;
-                    return here == i || (fAll && here > i) ? change(answer, v) : "";
+                    if (here < i || (here > i && !fAll))
+                        return string();
+                    return change(answer, v) + (fAll ? " from there on" : "");
                 };
                 kind.iSurvived += run(scene, harm, undisturbed(scene).said).fSurvived;
             }
@@ -260,7 +262,7 @@ TEST(Faults, IsAnsweredInPieces) {
             kind.next();
             const auto harm = [&](const string&, Answer& answer) {
                 answer.piece = piece;
-                return "and the rest in pieces of " + std::to_string(piece);
+                return "in pieces of " + std::to_string(piece) + " from there on";
             };
             kind.iSurvived += run(scene, harm).fSurvived;
         }
