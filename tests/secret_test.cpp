@@ -35,7 +35,7 @@ static bool remembers(const string& process) {
 
 static long ignoredSignals(pid_t process) {
     const string status = readFile("/proc/" + std::to_string(process) + "/status");
-    return std::stol("0" + status.substr(status.find("SigIgn:") + 7), nullptr, 16);
+    return std::stol("0" + status.substr(status.find("SigIgn:\t") + 8), nullptr, 16);
 }
 
 TEST(Secret, IsHiddenAndForgottenOnceItIsChecked) {

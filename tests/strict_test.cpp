@@ -119,8 +119,7 @@ TEST(Strict, PassesASignalOnToTheCopyingCommand) {
             EXPECT_NE(copy.output.find("ended\n\nUnlocking source."), string::npos) << copy.output;
         }
         EXPECT_NE(scratch.read("wait.ended"), "(none)") << "the command was not told";
-        EXPECT_TRUE(
-            server.trace().ends_with("source UNLOCK 0 0 0 2000\nsource CLOSE\nsource DISCONNECT\n"))
+        EXPECT_TRUE(server.trace().ends_with("UNLOCK 0 0 0 2000\nCLOSE\nDISCONNECT\n"))
             << server.trace();
         if (!row.shell.empty()) {
             EXPECT_EQ(kill(std::stoi(scratch.read("job")), SIGKILL), 0) << "the other job is gone";
