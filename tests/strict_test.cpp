@@ -104,7 +104,9 @@ TEST(Strict, PassesASignalOnToTheCopyingCommand) {
     forEachRow(rows, [&](const auto& row) {
         ScriptedServer server;
         server.source.files["a.rep"] = repository(2000);
-        const string command = "sh " + scratch.path("wait") + "; :";
+        // A shell that waits for another, but beside another job, where it alone is waited for.
+        const string command =
+            (row.shell.empty() ? "sh " : "exec sh ") + scratch.path("wait") + "; :";
         std::filesystem::remove(scratch.path("wait.ended"));
         TerminalRun copy("/bin/sh",
                          {"-c", row.shell + "exec \"$0\" copy -p pw -f \"$1\" a.rep b.rep",
