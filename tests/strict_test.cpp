@@ -37,7 +37,8 @@ TEST(Strict, JudgesWhatKxadminDoesNotLookAt) {
         {"--verify copy -p pw a.rep 127.0.0.2:b.rep # another byte", 36,
          {reply(0, source), reply(0, other)}, "the copy differs from the source at [0:1999]\n"},
         {"--verify copy -p pw a.rep 127.0.0.2:b.rep # another length", 32,
-         {u125, u125, u125, reply(0, be32(124))}, "the source has 124 units of 16 bytes, the copy 125\n"},
+         {u125, u125, u125, reply(0, be32(124))},
+         "the source has 124 units of 16 bytes, the copy 125\n"},
     };
     // clang-format on
     forEachRow(rows, [&](const auto& row) {
