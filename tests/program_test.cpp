@@ -204,6 +204,8 @@ TEST(Program, SetsTheLoggingLevel) {
         {"opts -s2 # no line", prompt + set2, "PASSWORD ~p %s\r~\n" + level2, {}, "p %s\r"},
         {"opts -s2 # the longest password", prompt + set2, "PASSWORD ~" + x30 + "~\n" + level2, {},
          x30 + "\n"},
+        {"opts -s2 # one beyond any buffer", prompt + cancelled + "rest", bye, {},
+         string(600, 'x') + "\nrest"},
         {"opts -s2 # a longer one", prompt + cancelled + "rest", bye, {}, x30 + "y\nrest"},
         {"opts -s2 # a wrong one of a PXSRV", pxPrompt + cancelled, "VERSION\n" + empty + bye,
          {{28, pxsrv}, {11, no}}},

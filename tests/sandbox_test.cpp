@@ -269,8 +269,8 @@ TEST(Sandbox, GrantsALockWhenTheTransfersThatBeganBeforeHaveEnded) {
     const auto isHeld = [&] { return !std::unique_lock(transfers, std::try_to_lock); };
     for (const string data : {"", "b"}) {             // read, written
         std::unique_lock looking(files.server.mutex); // for locks, before which the transfer begins
-        const std::jthread thread(
-            [&] { files.ask(data.empty() ? 3 : 4, be32(0) + be32(1) + data); });
+        const auto transfer = std::async(
+            std::launch::async, [&] { files.ask(data.empty() ? 3 : 4, be32(0) + be32(1) + data); });
         eventually(isHeld, data.empty() ? "a read that has begun" : "a write that has begun");
         looking.unlock();
     }
