@@ -25,14 +25,19 @@ void recordEnding(Ending ending) {
         CommandEnding = ending;
 }
 
-/// kxadmin-strict's own line on standard error, cut where it is longer than any of its texts with a
-/// path in it.
+/// Writes kxadmin-strict's own line on standard error, at once lest another program's come between.
+/// A line feed that the text ends in is not repeated.
 __attribute__((format(printf, 1, 0))) static void noteArguments(const char* format, va_list args) {
     if (fStrict == 0)
         return;
-    char szNote[PATH_SIZE + 200];
-    std::vsnprintf(szNote, sizeof szNote, format, args);
-    printTo(stderr, "%skxadmin-strict: %s\n", fLineOpen ? "\n" : "", szNote);
+    char* pszNote = nullptr;
+    const int length = vasprintf(&pszNote, format, args);
+    if (length < 0)
+        return;
+    const bool fLineFeed = length > 0 && pszNote[length - 1] == '\n';
+    printTo(stderr, "%skxadmin-strict: %s%s", fLineOpen ? "\n" : "", pszNote,
+            fLineFeed ? "" : "\n");
+    std::free(pszNote);
     fLineOpen = false;
 }
 

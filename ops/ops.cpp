@@ -53,7 +53,9 @@ static LineRead readLine(int fd, char (&junk)[512], std::size_t* pLength) {
 static bool promptForPassword(PasswordStruct* passwd, std::size_t* pLength) {
     restoreEchoOnSignals();
     // The shell that ^Z gives the terminal to switches its echo on again, and fg leaves it so.
-    const auto onStop = std::signal(SIGTSTP, SIG_IGN);
+    // Where we are not alone in the foreground, the others would stop all the same.
+    const bool fAlone = getpgrp() == getpid();
+    const auto onStop = fAlone ? std::signal(SIGTSTP, SIG_IGN) : SIG_DFL;
     // The blank in front of the colon is what it has always said.
     if (ServerType == SERVER_TYPE_KXSRV || ServerType == SERVER_TYPE_PXSRV)
         printTo(stdout, "Enter the password for the account used to start %s: ",
@@ -67,7 +69,8 @@ static bool promptForPassword(PasswordStruct* passwd, std::size_t* pLength) {
     explicit_bzero(junk, sizeof junk);
     printTo(stdout, "\n\n");
     setTerminalEcho(true);
-    std::signal(SIGTSTP, onStop);
+    if (fAlone)
+        std::signal(SIGTSTP, onStop);
     return fAnswered;
 }
 
@@ -78,22 +81,21 @@ static void notePasswordFile(const char* pszFile, const char* pszWrong) {
 /// Opens the file of a password, which others may neither read nor change; its group may. -1 after
 /// a message.
 static int openPasswordFile(const char* pszFile) {
-    if (std::strcmp(pszFile, "-") == 0) {
-        if (isatty(STDIN_FILENO) == 0)
-            return STDIN_FILENO;
-        notePasswordFile(pszFile, "a terminal would show it");
-        return -1;
-    }
-    const int fd = open(pszFile, O_RDONLY | O_CLOEXEC);
+    const bool fInput = std::strcmp(pszFile, "-") == 0;
+    const int fd = fInput ? STDIN_FILENO : open(pszFile, O_RDONLY | O_CLOEXEC | O_NOCTTY);
     struct stat status;
     if (fd < 0 || fstat(fd, &status) != 0)
         notePasswordFile(pszFile, std::strerror(errno));
+    else if (isatty(fd) != 0)
+        notePasswordFile(pszFile, "a terminal would show it");
+    else if (fInput)
+        return fd;
     else if ((status.st_mode & S_IRWXO) != 0 && !S_ISCHR(status.st_mode) &&
              !S_ISDIR(status.st_mode)) // which reading it tells
         notePasswordFile(pszFile, "others may read or change it");
     else
         return fd;
-    if (fd >= 0)
+    if (fd >= 0 && !fInput)
         close(fd);
     return -1;
 }

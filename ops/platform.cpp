@@ -72,20 +72,21 @@ static void addChildren(pid_t parent, pid_t (&family)[N], std::size_t* pCount) {
 
 /// Passes the signal on to all that `root` has started, and to `root` if that is not us, since a
 /// shell that waits does not; to parents first, which could otherwise start the next thing. One
-/// that is stopped is woken to take it. Returns how many got it.
+/// that is stopped is woken to take it. Returns how many there are; one that runs under another
+/// user gets nothing.
 static int signalFamily(pid_t root, int iSignal) {
     static pid_t family[1024];
     family[0] = root;
     std::size_t count = 1;
     for (std::size_t i = 0; i < count; ++i)
         addChildren(family[i], family, &count);
-    int taken = 0;
+    int living = 0;
     for (std::size_t i = 0; i < count; ++i)
-        if (family[i] != getpid() && kill(family[i], iSignal) == 0) {
+        if (family[i] != getpid() && (kill(family[i], iSignal) == 0 || errno == EPERM)) {
             kill(family[i], SIGCONT);
-            ++taken;
+            ++living;
         }
-    return taken;
+    return living;
 }
 
 /// Takes an interruption, of which one that ends kxadmin is not forgotten for another, and passes
@@ -100,8 +101,9 @@ static void takeInterruption(const siginfo_t& info, pid_t command, pid_t root) {
 }
 
 /// Waits for the command, whose interruptions and SIGCHLD are in `signals`. After an interruption
-/// it ends what the command has left behind below `root`, and waits for that too, until it is
-/// interrupted again. Returns the command's status.
+/// it ends what the command has left behind to `root`, if that is us, and waits for that too, until
+/// ^C is typed again. Other signals come twice by themselves, as from a terminal that is closed.
+/// Returns the command's status.
 static int awaitCommand(pid_t command, pid_t root, const sigset_t& signals) {
     int status = -1;
     for (bool fAgain = false;;) {
@@ -112,12 +114,13 @@ static int awaitCommand(pid_t command, pid_t root, const sigset_t& signals) {
                 status = ended;
                 command = 0;
             }
-        if (command == 0 && (EndingSignal == 0 || fAgain || signalFamily(root, SIGTERM) == 0))
+        if (command == 0 &&
+            (EndingSignal == 0 || fAgain || root != getpid() || signalFamily(root, SIGTERM) == 0))
             return status;
         siginfo_t info;
         const int iSignal = sigwaitinfo(&signals, &info);
         if (iSignal > 0 && iSignal != SIGCHLD) {
-            fAgain = command == 0;
+            fAgain = command == 0 && (iSignal == SIGINT || iSignal == SIGQUIT);
             takeInterruption(info, command, root);
         }
     }
