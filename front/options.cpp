@@ -199,7 +199,6 @@ I32 prepareTest() {
     if (testInfo.fOutputToFile != 1)
         return ACCEPTED;
     if (testInfo.szTempFile[0] == '\0') {
-        recordEnding(ENDING_MISUSED);
         printTo(stdout, "Temporary file path must be specified using -f for test command.\n");
         return SHOW_USAGE;
     }
