@@ -133,6 +133,7 @@ static Ending run(const Scene& scene, const Change& change, const string& usual 
 
     if (waitpid(-1, nullptr, WNOHANG) >= 0)
         complaint += "a process is left; ";
+    prctl(PR_SET_CHILD_SUBREAPER, 0);
     if (!run.echoes())
         complaint += "the terminal does not echo; ";
     if (fLocked)

@@ -279,13 +279,22 @@ TEST(Sandbox, GrantsALockWhenTheTransfersThatBeganBeforeHaveEnded) {
 }
 
 TEST(Sandbox, AnswersAKillWhenTheOtherHasLeft) {
-    Files files;
-    files.connection.fProved = true;
-    auto& connections = files.server.connections;
-    const Connection& other = *(connections[1] = std::make_unique<Connection>());
-    const auto kill = [&] { EXPECT_EQ(files.ask(REQUEST_KILL_CONNECTION, be32(1)), 0); };
-    const auto isKilled = [&] { return other.fKilled; };
-    expectToWait(files.server, kill, isKilled, [&] { connections.clear(); });
+    for (const bool fMutual : {false, true}) {
+        Files files;
+        files.connection.fProved = true;
+        auto& connections = files.server.connections;
+        connections[1] = std::make_unique<Connection>();
+        const auto kill = [&] { EXPECT_EQ(files.ask(REQUEST_KILL_CONNECTION, be32(1)), 0); };
+        const auto isKilled = [&] { return connections[1]->fKilled; };
+        expectToWait(files.server, kill, isKilled, [&] {
+            if (fMutual) {
+                files.connection.fKilled = true;
+            } else { // and somebody else has its number
+                connections[1] = std::make_unique<Connection>();
+                connections[1]->u64Serial = 1;
+            }
+        });
+    }
 }
 
 TEST(Sandbox, OpensForReadingWhatMayOnlyBeRead) {
@@ -336,6 +345,7 @@ TEST(Sandbox, ReachesNothingOutsideItsDirectory) {
         }
     EXPECT_EQ(peer.open("fifo", 0x40), 13) << "to read what nobody writes";
     EXPECT_EQ(outside.read("secret") + outside.read("new"), "s(none)");
+    EXPECT_EQ(sandbox.read("a.rep"), "") << "which has been created anew";
 }
 
 TEST(Sandbox, TellsAnAge) {

@@ -116,8 +116,10 @@ ScriptedServer::ScriptedServer(U32 address, U16 givenPort)
     // Any address is any of this machine to itself.
     if (setsockopt(listener, SOL_SOCKET, SO_BINDTODEVICE, "lo", 3) != 0 ||
         bind(listener, reinterpret_cast<sockaddr*>(&name), length) != 0 ||
-        SocketListen(listener, 8) != 0)
+        SocketListen(listener, 8) != 0) {
+        std::perror("the scripted server");
         std::abort();
+    }
     getsockname(listener, reinterpret_cast<sockaddr*>(&name), &length);
     port = ntohs(name.sin_port);
     thread = std::thread([this] { run(); });

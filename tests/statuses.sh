@@ -4,6 +4,7 @@
 # that does not end with the status in front of it, or that says on standard error something else
 # than what stands indented below it, behind the name of the program.
 set -euo pipefail
+unset BASH_ENV
 PATH=$(realpath "$1"):$PATH
 text=${2-}
 work=$(mktemp -d)
@@ -35,7 +36,7 @@ try() {
     printf '\n' >empty
     printf '%031d' 0 >x31
     chmod 600 password empty x31
-    LC_ALL=C timeout 60 kxsandbox -p pw -- bash -c "$line" </dev/null >../out 2>../err || got=$?
+    LC_ALL=C timeout -k 5 60 kxsandbox -p pw -- bash -c "$line" </dev/null >../out 2>../err || got=$?
     cd ..
     # Left out: that stty finds no terminal, the log, and the advice that follows every complaint.
     printf %s "$words" >expected
@@ -152,10 +153,13 @@ done <<'END'
   port 4800
 0 kxsandbox "$(printf %0600d 0)" 2>&1 | head -n 1 | wc -c >&2 # cut to its buffer
   500
-7 kxsandbox -- sh -c 'trap "exit 7" HUP; kill -HUP $PPID; sleep 9 & wait'
+7 kxsandbox -- sh -c 'trap "exit 7" HUP; kill -HUP $PPID; while :; do sleep .1; done'
+7 kxsandbox -- sh -c 'kxadmin stop -p -Z100 >/dev/null; sleep .1; exit 7'
+7 trap "" CHLD; kxsandbox -- sh -c 'yes | head -n 1 >&2; exit 7' # and SIGPIPE ends yes
+  y
 3 ulimit -f 1; kxsandbox -- kxadmin-strict copy a.rep c.rep -qp >/dev/null # its file ends at 1 KB
 137 kxsandbox -- sh -c 'kill -9 $$'
-143 kxsandbox -- sh -c 'kill -TERM $PPID; sleep 9'
+143 kxsandbox -- sh -c 'kill -TERM $PPID; exec sleep 60'
 127 kxsandbox -- /no/such
   cannot run /no/such: No such file or directory
 127 kxsandbox -- ''
