@@ -254,9 +254,15 @@ static void expectToWait(Server& server, const Request& request, const HasBegun&
     };
     eventually(isWaiting, "a request that waits");
     EXPECT_EQ(answer.wait_for(20ms), std::future_status::timeout) << "it has not waited";
-    const std::lock_guard guard(server.mutex);
-    letGoOn();
-    server.left.notify_all();
+    {
+        const std::lock_guard guard(server.mutex);
+        letGoOn();
+        server.left.notify_all();
+    }
+    if (answer.wait_for(1min) != std::future_status::ready) {
+        ADD_FAILURE() << "it still waits";
+        std::abort(); // its thread cannot be joined
+    }
 }
 
 TEST(Sandbox, GrantsALockWhenTheTransfersThatBeganBeforeHaveEnded) {
