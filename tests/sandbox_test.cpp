@@ -31,12 +31,14 @@ TEST(Sandbox, KeepsEveryRequestWithinItsBounds) {
         {"a 16 GB write of nothing", 39, zero + zero + zero, 0},
         {"a write of less than it has", 4, zero + be32(1) + "xx"},
         {"space at a long name", 26, "x" + x1023 + '\0', 0},
+        {"space at a short name", 26, "x\0"s, 0},
         {"space in a directory that there is not", 26, "none/x\0"s, 2},
         {"space at a longer name", 26, "xx" + x1023 + '\0'},
         {"a long user and password", 11, x50 + '\0' + x30 + '\0', -202},
         {"a longer user", 11, x50 + "x\0\0"s},
         {"a longer password", 11, '\0' + x30 + "x\0"s},
         {"a password without its NUL", 11, "\0pw"s},
+        {"neither ends in a NUL", 11, "pw"},
     };
     // clang-format on
     const Sandbox sandbox;
@@ -162,6 +164,9 @@ TEST(Sandbox, SharesAFileAsItsOpenersAllow) {
                 EXPECT_EQ(next.open("a.rep", fFirst ? mode : other), row.allowed[access] ? 0 : 5);
             }
     });
+    Peer reader(sandbox);
+    reader.open("a.rep", 0x40);
+    EXPECT_EQ(Peer(sandbox).ask(REQUEST_FILE_CREATE, be32(0) + "a.rep"), 5) << "beside a reader";
     for (const U32 mode : {0x43U, 0x48U, 0x50U, 0x82U, 0x142U})
         EXPECT_EQ(Peer(sandbox).open("a.rep", mode), -201) << "mode " << mode;
 }

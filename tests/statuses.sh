@@ -16,7 +16,15 @@ cd "$work"
 strict() {
     kxadmin-strict --tries 1 "$@"
 }
-export -f strict
+# The last two lines that a command prints are looked at too.
+# shellcheck disable=SC2317
+ends() {
+    local status=0
+    "$@" >out || status=$?
+    grep . out | tail -n 2 >&2
+    return "$status"
+}
+export -f strict ends
 
 tried=0
 failed=0
@@ -36,7 +44,8 @@ try() {
     printf '\n' >empty
     printf '%031d' 0 >x31
     chmod 600 password empty x31
-    LC_ALL=C timeout -k 5 60 kxsandbox -p pw -- bash -c "$line" </dev/null >../out 2>../err || got=$?
+    LC_ALL=C timeout -k 5 60 kxsandbox -p pw -- \
+        bash -c "$line" </dev/null >../out 2>../err || got=$?
     cd ..
     # Left out: that stty finds no terminal, the log, and the advice that follows every complaint.
     printf %s "$words" >expected
@@ -68,6 +77,15 @@ done <<'END'
 3 strict stat >&-
   standard output was lost
 2 strict stat -P1
+2 ends strict copy -P1 -p pw a.rep b.rep
+  Unable to connecto to KXSRV at [localhost] or IP Address is unkown.
+  Failed to connect to source server
+2 ends strict copy -p pw a.rep 127.7.7.7:b.rep
+  Unable to connecto to KXSRV at [127.7.7.7] or IP Address is unkown.
+  Failed to connect to destination server
+3 ends kxsandbox -t1 -- kxadmin-strict copy a.rep b.rep -p
+  Connected to source server
+  Supported PXSRV commands are OPTS and STOP only.
 2 strict test -r a.rep -P1ab -f report || (fold -s -w 95 report >&2; exit 2)
   1
   Could not connect to an KXSRV on localhost:1. Ensure that you have the correct server address
