@@ -88,9 +88,7 @@ static int openPasswordFile(const char* pszFile) {
         notePasswordFile(pszFile, std::strerror(errno));
     else if (isatty(fd) != 0)
         notePasswordFile(pszFile, "a terminal would show it");
-    else if (fInput)
-        return fd;
-    else if ((status.st_mode & S_IRWXO) != 0 && !S_ISCHR(status.st_mode) &&
+    else if (!fInput && (status.st_mode & S_IRWXO) != 0 && !S_ISCHR(status.st_mode) &&
              !S_ISDIR(status.st_mode)) // which reading it tells
         notePasswordFile(pszFile, "others may read or change it");
     else

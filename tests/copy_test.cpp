@@ -140,6 +140,8 @@ TEST(Copy, TellsWhichStepFailed) {
         int nth = 1;    // of those requests
         string modifiers = "";
     } rows[] = {
+        {"source LIMIT", "\nConnected to source server\n"},
+        {"source VERSION", "\nConnected to source server\n"},
         {"source OPEN 66 a.rep", inaccessible + invalid},
         {"source READ 0 256", "Error reading source repository.\n" + invalid},
         {"source OPEN 66 a.rep", inaccessible, 2},
