@@ -52,13 +52,18 @@ static void closeResults(std::FILE* hf, const char* benchLog) {
 static void writeScratch(I32 s) {
     char writeBuffer[SCRATCH_BLOCK + 1];
     std::memset(writeBuffer, 't', SCRATCH_BLOCK);
-    I32 rc = 0;
-    for (U32 i = 0; i < SCRATCH_BLOCKS; ++i)
-        rc = std::min(rc, managerFileWrite(s, SCRATCH_START + i * SCRATCH_BLOCK, writeBuffer,
-                                           SCRATCH_BLOCK, 0));
-    rc = std::min(rc, managerFileClose(s));
-    if (rc < 0)
-        noteEnding(ENDING_FAILED, "the data could not be written (%d)", rc);
+    I32 failure = 0; // the first
+    for (U32 i = 0; i < SCRATCH_BLOCKS; ++i) {
+        const I32 n =
+            managerFileWrite(s, SCRATCH_START + i * SCRATCH_BLOCK, writeBuffer, SCRATCH_BLOCK, 0);
+        if (failure == 0 && n < 0)
+            failure = n;
+    }
+    const I32 rc = managerFileClose(s);
+    if (failure == 0)
+        failure = rc;
+    if (failure != 0)
+        noteEnding(ENDING_FAILED, "the data could not be written (%d)", failure);
 }
 
 static long long milliseconds() {

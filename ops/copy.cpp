@@ -21,9 +21,9 @@ static constexpr U32 PROGRESS_STEP = 16384;
 
 namespace {
 
-/// What became of a step of the copy. Where it is not COPIED a message has told, but for
+/// What became of a step of the copy. Where it is not DONE a message has told, but for
 /// NOT_CREATED, which is told when everything is closed.
-enum CopyStep { COPIED, FAILED, NOT_CREATED };
+enum CopyStep { DONE, FAILED, NOT_CREATED };
 
 } // namespace
 
@@ -183,7 +183,7 @@ static CopyStep openDestination(I32 ds, const CopyParams* cP, bool* pfOpen) {
         return FAILED;
     }
     *pfOpen = true;
-    return COPIED;
+    return DONE;
 }
 
 /// Copies between the two open files while the source is locked. A server that answered short
@@ -198,13 +198,13 @@ static CopyStep copyUnderLock(I32 ss, I32 ds) {
     if (isShortOfLock(u64Position))
         noteEnding(ENDING_FAILED, "%u:%u of %u:%u bytes were copied", highHalf(u64Position),
                    lowHalf(u64Position), highLockLength, lowLockLength);
-    return COPIED;
+    return DONE;
 }
 
 /// Copies from the open source; *pfCloseDest tells whether the destination is to be closed then.
 static CopyStep copyToDestination(I32 ss, I32 ds, const CopyParams* cP, bool* pfCloseDest) {
     const CopyStep reached = openDestination(ds, cP, pfCloseDest);
-    if (reached != COPIED)
+    if (reached != DONE)
         return reached;
     if (fBypassFreeSpaceChecking == 0 && checkDestSpace(ss, ds, cP->destFile) != 0) {
         *pfCloseDest = false; // it is closed with its connection
@@ -229,12 +229,12 @@ static I32 copyViaKXSRV(CONNECT_PARAMS* pcpSource, CopyParams* cP) {
     const CopyStep reached = copyToDestination(pcpSource->s, cpDest.s, cP, &fCloseDest);
 
     managerFileClose(pcpSource->s);
-    if (fCloseDest && managerFileClose(cpDest.s) != 0 && reached == COPIED)
+    if (fCloseDest && managerFileClose(cpDest.s) != 0 && reached == DONE)
         noteEnding(ENDING_FAILED, "[%s] did not close the copy", cP->destHost);
     managerDisconnect(cpDest.s);
     if (reached == NOT_CREATED)
         displayFailure("Destination path invalid or inaccessible.");
-    if (reached != COPIED)
+    if (reached != DONE)
         return 1;
     recordEnding(ENDING_DONE);
     if (Quiet == 0)

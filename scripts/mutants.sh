@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # mutants.sh <source> [count]: what the tests do not see. Changes one place of the source at a time,
 # chosen by chance but alike on every run, builds that in a copy of HEAD, tests included, and runs
-# them up to the first that fails. A change that all tests pass is shown as a diff: it is harmless, or a test
-# is missing. Takes half a minute a change.
+# them up to the first that fails. A change that all tests pass is shown as a diff: it is harmless,
+# or a test is missing. Takes half a minute a change.
 set -euo pipefail
 source=${1:?the source to change, as in scripts/mutants.sh ops/copy.cpp 20}
 count=${2:-20}
